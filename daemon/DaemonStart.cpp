@@ -1,0 +1,64 @@
+#include "daemon/DaemonStart.h"
+
+#include <systemd/sd-daemon.h>
+
+#include <csignal>
+#include <ctime>
+
+#include "daemon/ServiceBringUp.h"
+#include "logging/CBoundary.h"
+#include "logging/Log.h"
+#include "utils/HciWatchdog.h"
+
+namespace Daemon {
+
+namespace {
+sd_event* g_loop = nullptr;
+
+// systemd stops the service with SIGTERM; leaving the loop cleanly gives exit status 0 instead of
+// death by signal. Must run before any thread exists so every thread inherits the mask.
+void ExitLoopOnTermination(sd_event* loop) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGTERM);
+    sigaddset(&mask, SIGINT);
+    if (pthread_sigmask(SIG_BLOCK, &mask, nullptr) != 0) return;
+    sd_event_add_signal(loop, nullptr, SIGTERM, nullptr, nullptr);
+    sd_event_add_signal(loop, nullptr, SIGINT, nullptr, nullptr);
+}
+}  // namespace
+
+sd_event* EventLoop() { return g_loop; }
+
+uint64_t StartTime(sd_event* loop, bool servicesRestarted) {
+    if (!servicesRestarted) return 0;
+    uint64_t now = 0;
+    sd_event_now(loop, CLOCK_MONOTONIC, &now);
+    return now + kRestartGraceUsec;
+}
+
+int RunLoop(sd_event* loop) {
+    if (sd_event_loop(loop) < 0) Logging::Log(LOG_INFO, "Failed to start main event loop");
+    return 0;
+}
+
+int BluetoothDaemonStart(sd_event_source*, uint64_t, void*) {
+    Logging::Log(LOG_INFO, "Initialising bluetooth daemon...");
+    CBoundary::Call("BluetoothDaemonStart", [] { BringUpService(g_loop); });
+    // ready whatever the bring-up did: the daemon keeps serving what it can
+    sd_notify(0, "READY=1");
+    return 0;
+}
+
+int Main() {
+    const int r = sd_event_default(&g_loop);
+    const bool restarted = Utils::EnsureInterface(0);
+    // floating source, owned by the loop; its result is deliberately not checked
+    sd_event_add_time(g_loop, nullptr, CLOCK_MONOTONIC, StartTime(g_loop, restarted), 0, BluetoothDaemonStart,
+                      nullptr);
+    if (r < 0) return 0;
+    ExitLoopOnTermination(g_loop);
+    return RunLoop(g_loop);
+}
+
+}  // namespace Daemon

@@ -1,0 +1,30 @@
+#pragma once
+// Process entry: make sure hci0 exists, schedule the start callback, run the one event loop.
+
+#include <systemd/sd-event.h>
+
+#include <cstdint>
+
+namespace Daemon {
+
+// Grace given to a freshly restarted Bluetooth stack before the service comes up.
+inline constexpr uint64_t kRestartGraceUsec = 2'000'000;
+
+// The process-wide event loop (null until Main() took it).
+sd_event* EventLoop();
+
+// main()'s whole body; always 0.
+int Main();
+
+// The one-shot start callback: announce, bring the service up, report readiness. Returns 0.
+int BluetoothDaemonStart(sd_event_source* source, uint64_t usec, void* userdata);
+
+// When the start callback is due: 0 (first loop iteration) unless the watchdog restarted services,
+// then the loop's monotonic now plus the grace.
+uint64_t StartTime(sd_event* loop, bool servicesRestarted);
+
+// Runs the loop; logs "Failed to start main event loop" (informational, deliberately) when it fails.
+// Always 0.
+int RunLoop(sd_event* loop);
+
+}  // namespace Daemon

@@ -1,0 +1,49 @@
+#pragma once
+// Every callback that C code (sd-event, sd-bus) calls goes through CBoundary::Call: an exception must
+// never unwind through C frames. It is logged at LOG_ERR and turned into a negative errno, and the
+// process stays up. RAII releases whatever locks the body held.
+
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+#include <type_traits>
+#include <utility>
+
+#include "logging/Log.h"
+
+namespace CBoundary {
+
+template <typename Body>
+int Call(const char* where, Body&& body) noexcept {
+    try {
+        if constexpr (std::is_void_v<std::invoke_result_t<Body>>) {
+            std::forward<Body>(body)();
+            return 0;
+        } else {
+            return static_cast<int>(std::forward<Body>(body)());
+        }
+    } catch (const std::system_error& e) {
+        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        const int code = e.code().value();
+        return code > 0 ? -code : -EIO;
+    } catch (const std::bad_alloc& e) {
+        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        return -ENOMEM;
+    } catch (const std::out_of_range& e) {
+        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        return -ERANGE;
+    } catch (const std::invalid_argument& e) {
+        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        return -EINVAL;
+    } catch (const std::exception& e) {
+        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        return -EIO;
+    } catch (...) {
+        Logging::Log(LOG_ERR, "%s: unknown exception stopped at the C boundary", where);
+        return -EIO;
+    }
+}
+
+}  // namespace CBoundary

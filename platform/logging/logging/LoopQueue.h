@@ -1,0 +1,35 @@
+#pragma once
+// Hands work from any thread to the thread that runs an sd-event loop. sd-event and sd-bus objects are
+// used from their loop's thread only; worker threads Post() what must happen there (D-Bus emissions),
+// and an eventfd wakes the loop to run it.
+
+#include <systemd/sd-event.h>
+
+#include <deque>
+#include <functional>
+#include <mutex>
+
+namespace EventLoop {
+
+class LoopQueue {
+public:
+    // Must be constructed on the loop's thread. Throws std::system_error when the loop refuses the source.
+    explicit LoopQueue(sd_event* loop);
+    ~LoopQueue();
+    LoopQueue(const LoopQueue&) = delete;
+    LoopQueue& operator=(const LoopQueue&) = delete;
+
+    // Any thread. Tasks run on the loop thread in the order posted; one that throws is logged and dropped.
+    void Post(std::function<void()> task);
+
+private:
+    static int OnWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
+    void Drain();
+
+    int fd_ = -1;
+    sd_event_source* source_ = nullptr;
+    std::mutex mutex_;
+    std::deque<std::function<void()>> tasks_;
+};
+
+}  // namespace EventLoop

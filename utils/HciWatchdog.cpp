@@ -1,0 +1,57 @@
+#include "utils/HciWatchdog.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "logging/Log.h"
+#include "utils/SystemdUnit.h"
+
+namespace Utils {
+
+namespace {
+void SleepOneSecond() {
+    timespec left{1, 0};
+    while (nanosleep(&left, &left) < 0 && errno == EINTR) {
+    }
+}
+}  // namespace
+
+WatchdogHooks SystemWatchdogHooks() { return {InterfaceExists, RestartServiceUnit, SleepOneSecond}; }
+
+bool InterfaceExists(int index) {
+    const std::string path = kHciPathPrefix + std::to_string(index);
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;  // any file type counts
+}
+
+bool WaitForInterface(int index, const WatchdogHooks& hooks) {
+    for (int i = 0; i < kWaitChecks; ++i) {
+        if (hooks.interfaceExists(index)) break;
+        Logging::Log(LOG_ERR, "Waiting for HCI%d interface...", index);
+        hooks.sleepOneSecond();
+    }
+    return hooks.interfaceExists(index);
+}
+
+bool EnsureInterface(int index, const WatchdogHooks& hooks) {
+    bool restarted = false;
+    for (int pass = 0; pass < kWatchdogPasses; ++pass) {
+        if (hooks.interfaceExists(index)) {
+            Logging::Log(LOG_INFO, "HCI%d okay, no need to restart services!", index);
+            return restarted;
+        }
+        Logging::Log(LOG_ERR, "HCI%d does not exist, relaunching BT related services...", index);
+        hooks.restartUnit(kBoardBluetoothUnit);
+        hooks.restartUnit(kBluetoothUnit);
+        if (WaitForInterface(index, hooks)) {
+            Logging::Log(LOG_INFO, "HCI%d has been brought up!", index);
+            return true;
+        }
+        restarted = true;
+    }
+    return true;
+}
+
+}  // namespace Utils
