@@ -140,7 +140,9 @@ class TestEnv:
         cmd = [PY, '-m', 'dbusmock', f'--{peer.bus}', '-t', os.path.join(SIM, peer.template),
                '-l', self.path('logs', f'{key}.log')]
         if merged:
-            cmd += ['-p', json.dumps(merged)]
+            # parameters may name the unit's folders before they exist: @SYSFS_BT@, @TESTENV_DIR@
+            text = json.dumps(merged).replace('@SYSFS_BT@', self.sysfs_bt).replace('@TESTENV_DIR@', self.dir)
+            cmd += ['-p', text]
         out = self.peer_output or open(self.path('logs', f'{key}.err'), 'ab')
         self.peers[key] = subprocess.Popen(cmd, env=self.environ, stdin=subprocess.DEVNULL, stdout=out,
                                            stderr=out, start_new_session=True)

@@ -1,0 +1,123 @@
+#!/usr/bin/python3
+'''The daemon binary running inside a TestEnv: its log lines (stderr echo, timestamped as they arrive),
+its sd_notify messages, and its exit status.'''
+import os
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+_LEVELS = {'emerg': 0, 'alert': 1, 'crit': 2, 'err': 3, 'warning': 4, 'notice': 5, 'info': 6, 'debug': 7}
+_LINE = re.compile(r'^(emerg|alert|crit|err|warning|notice|info|debug): (.*)$')
+
+
+class LogLine:
+    def __init__(self, when, priority, text):
+        self.when, self.priority, self.text = when, priority, text
+
+    def __repr__(self):
+        return f'<{self.priority}> {self.text!r} @{self.when:.3f}'
+
+
+class NotifySocket:
+    '''Receives sd_notify() datagrams on a path given to the daemon as NOTIFY_SOCKET.'''
+
+    def __init__(self, path):
+        self.path = path
+        if os.path.exists(path):
+            os.unlink(path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_CLOEXEC)
+        self.sock.bind(path)
+        self.messages = []   # (monotonic time, text)
+
+    def wait_for(self, line, timeout):
+        deadline = time.monotonic() + timeout
+        while True:
+            for when, msg in self.messages:
+                if line in msg.split('\n'):
+                    return when
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return None
+            self.sock.settimeout(left)
+            try:
+                data = self.sock.recv(4096)
+            except socket.timeout:
+                return None
+            self.messages.append((time.monotonic(), data.decode('utf-8', 'replace')))
+
+    def close(self):
+        self.sock.close()
+        if os.path.exists(self.path):
+            os.unlink(self.path)
+
+
+class DaemonProcess:
+    def __init__(self, env, binary=None, extra_env=None):
+        self.env = env
+        self.binary = binary or os.environ['QB_DAEMON']
+        self.notify = NotifySocket(env.path('notify.sock'))
+        self.lines = []
+        self._cond = threading.Condition()
+        self.proc = env.popen([self.binary], extra_env=dict(extra_env or {}, NOTIFY_SOCKET=self.notify.path),
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for raw in self.proc.stderr:
+            text = raw.decode('utf-8', 'replace').rstrip('\n')
+            m = _LINE.match(text)
+            line = LogLine(time.monotonic(), _LEVELS[m.group(1)], m.group(2)) if m else \
+                LogLine(time.monotonic(), None, text)
+            with self._cond:
+                self.lines.append(line)
+                self._cond.notify_all()
+
+    def wait_line(self, text, timeout, count=1):
+        '''The `count`-th log line equal to `text`, waiting up to `timeout` seconds; None if it never came.'''
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                hits = [ln for ln in self.lines if ln.text == text]
+                if len(hits) >= count:
+                    return hits[count - 1]
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return None
+                self._cond.wait(left)
+
+    def wait_line_prefix(self, prefix, timeout):
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                for ln in self.lines:
+                    if ln.text.startswith(prefix):
+                        return ln
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return None
+                self._cond.wait(left)
+
+    def texts(self):
+        with self._cond:
+            return [ln.text for ln in self.lines]
+
+    def count(self, text):
+        return self.texts().count(text)
+
+    def stop(self, sig=signal.SIGTERM, timeout=10):
+        '''Stops the daemon and returns its exit status.'''
+        if self.proc.poll() is None:
+            # the daemon runs under sandbox.sh's exec, so this pid is the daemon itself
+            self.proc.send_signal(sig)
+        try:
+            rc = self.proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            rc = self.proc.wait()
+        self._reader.join(timeout=5)
+        self.notify.close()
+        return rc
