@@ -43,10 +43,13 @@ int RunLoop(sd_event* loop) {
 }
 
 int BluetoothDaemonStart(sd_event_source*, uint64_t, void*) {
-    Logging::Log(LOG_INFO, "Initialising bluetooth daemon...");
-    CBoundary::Call("BluetoothDaemonStart", [] { BringUpService(g_loop); });
-    // ready whatever the bring-up did: the daemon keeps serving what it can
-    sd_notify(0, "READY=1");
+    CBoundary::Call("BluetoothDaemonStart", [] {
+        Logging::Log(LOG_INFO, "Initialising bluetooth daemon...");
+        // a bring-up that throws is logged and the daemon stays up with what it has
+        CBoundary::Call("BringUpService", [] { BringUpService(g_loop); });
+        // ready whatever the bring-up did: the daemon keeps serving what it can
+        sd_notify(0, "READY=1");
+    });
     return 0;
 }
 

@@ -1,0 +1,78 @@
+#pragma once
+// What the scanner knows about one device it has seen. Plain devices stay a Base; devices that carry
+// our own scan-response payload become a RemoteCamera (RemoteCamera.h). Records are held by
+// std::shared_ptr and published as JSON.
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace ScannedDevice {
+
+using ScannedDeviceType = int32_t;
+inline constexpr ScannedDeviceType kGenericType = 0;
+inline constexpr ScannedDeviceType kRemoteCameraType = 1;
+inline constexpr ScannedDeviceType kHidType = 2;
+
+// Text for a Bluetooth Class of Device, from its major device class (bits 8..12): "Miscellaneous",
+// "Computer", "Phone", "Network Access Point", "Audio/Video", "Peripheral", "Imaging", "Wearable",
+// "Toy", "Health", "Uncategorized" (0x1F); the reserved majors give "Unknown". BLE devices without
+// a class report 0, which reads as "Miscellaneous".
+std::string ClassNameFor(uint32_t deviceClass);
+
+class Base {
+  public:
+    Base();
+    virtual ~Base() = default;
+    Base(const Base&) = delete;
+    Base& operator=(const Base&) = delete;
+
+    virtual nlohmann::json ToJson() const;
+
+    ScannedDeviceType Type() const { return type; }
+    void SetType(ScannedDeviceType value) { type = value; }
+    uint32_t Class() const { return deviceClass; }
+    void SetClass(uint32_t value) { deviceClass = value; }
+    int32_t Rssi() const { return rssi; }
+    void SetRssi(int32_t value) { rssi = value; }
+    bool Paired() const { return paired; }
+    void SetPaired(bool value) { paired = value; }
+    bool Trusted() const { return trusted; }
+    void SetTrusted(bool value) { trusted = value; }
+    const std::string& Name() const { return name; }
+    void SetName(const std::string& value) { name = value; }
+    const std::string& Mac() const { return mac; }
+    void SetMac(const std::string& value) { mac = value; }
+    const std::string& ClassName() const { return className; }
+    void SetClassName(const std::string& value) { className = value; }
+    // Sets the class-name text from the class field (ClassNameFor).
+    void DeriveClassName() { className = ClassNameFor(deviceClass); }
+
+    const std::map<int, std::string>& TypeNames() const { return typeNames; }
+    // Name of this record's type in TypeNames(), or "Unknown".
+    std::string TypeName() const;
+
+    // Only the scanner uses these, to age out devices that stopped appearing.
+    int MissCredit() const { return missCredit; }
+    void SetMissCredit(int value) { missCredit = value; }
+    bool Seen() const { return seen; }
+    void SetSeen(bool value) { seen = value; }
+
+  protected:
+    ScannedDeviceType type = kGenericType;
+
+  private:
+    uint32_t deviceClass = 0;
+    int32_t rssi = 0;
+    bool paired = false;
+    bool trusted = false;
+    std::string name;
+    std::string mac;
+    std::string className;
+    std::map<int, std::string> typeNames;
+    int missCredit = 0;
+    bool seen = false;
+};
+
+}  // namespace ScannedDevice
