@@ -1,0 +1,327 @@
+#include "backend/TinybRadio.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <ctime>
+#include <exception>
+#include <stdexcept>
+
+#include "logging/Log.h"
+#include "tinyb/tinyb.hpp"
+
+namespace Backend {
+
+namespace {
+
+// A signal must not cut a wait short: the peer (or BlueZ) needs the whole time.
+void SleepMs(int milliseconds) {
+    timespec left{milliseconds / 1000, static_cast<long>(milliseconds % 1000) * 1000000L};
+    while (nanosleep(&left, &left) < 0 && errno == EINTR) {
+    }
+}
+
+void LogTinybException(const char* operation, const std::exception& e) {
+    Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", operation, e.what());
+}
+
+}  // namespace
+
+TinybRadio::TinybRadio() {
+    stateRetries = kStateRetries;
+    valid = true;
+    manager = GetManager();
+    if (manager == nullptr) {
+        Logging::Log(LOG_ERR, "Could not create manager for TinyB Radio");
+        valid = false;
+        return;
+    }
+    try {
+        adapter = manager->get_default_adapter();
+    } catch (const std::runtime_error& e) {
+        // BlueZ is up but has no adapter (yet): the radio is unusable rather than half-built.
+        LogTinybException("GetDefaultAdapter", e);
+        valid = false;
+    }
+}
+
+TinybRadio::~TinybRadio() = default;
+
+// ---------------------------------------------------------------- adapter switches
+
+bool& TinybRadio::Cached(Switch which) {
+    switch (which) {
+        case Switch::Powered:
+            return powered;
+        case Switch::Pairable:
+            return pairable;
+        case Switch::Discoverable:
+            break;
+    }
+    return discoverable;
+}
+
+bool TinybRadio::ReadSwitch(Switch which) {
+    bool value = false;
+    switch (which) {
+        case Switch::Powered:
+            value = adapter->get_powered();
+            break;
+        case Switch::Pairable:
+            value = adapter->get_pairable();
+            break;
+        case Switch::Discoverable:
+            value = adapter->get_discoverable();
+            break;
+    }
+    Cached(which) = value;
+    return value;
+}
+
+bool TinybRadio::GetSwitch(Switch which, const char* operation) {
+    if (!adapter)
+        return false;
+    try {
+        return ReadSwitch(which);
+    } catch (const std::runtime_error& e) {
+        LogTinybException(operation, e);
+        return false;
+    }
+}
+
+bool TinybRadio::SetSwitch(Switch which, bool on, const char* operation) {
+    if (!adapter)
+        return false;
+    try {
+        if (ReadSwitch(which) == on)
+            return true;
+        switch (which) {
+            case Switch::Powered:
+                adapter->set_powered(on);
+                break;
+            case Switch::Pairable:
+                adapter->set_pairable(on);
+                break;
+            case Switch::Discoverable:
+                adapter->set_discoverable(on);
+                break;
+        }
+        // BlueZ accepts the change before it applies it: give it a few polls to show up.
+        for (int poll = 0; poll < stateRetries; ++poll) {
+            const bool state = ReadSwitch(which);
+            SleepMs(kStatePollMs);
+            if (state == on)
+                break;
+        }
+    } catch (const std::runtime_error& e) {
+        LogTinybException(operation, e);
+        return false;
+    }
+    return Cached(which) == on;
+}
+
+bool TinybRadio::SetPowered(bool on) {
+    return SetSwitch(Switch::Powered, on, "SetPowered");
+}
+bool TinybRadio::SetPairable(bool on) {
+    return SetSwitch(Switch::Pairable, on, "SetPairable");
+}
+bool TinybRadio::SetDiscoverable(bool on) {
+    return SetSwitch(Switch::Discoverable, on, "SetDiscoverable");
+}
+bool TinybRadio::GetPowered() {
+    return GetSwitch(Switch::Powered, "GetPowered");
+}
+bool TinybRadio::GetPairable() {
+    return GetSwitch(Switch::Pairable, "GetPairable");
+}
+bool TinybRadio::GetDiscoverable() {
+    return GetSwitch(Switch::Discoverable, "GetDiscoverable");
+}
+
+// ---------------------------------------------------------------- devices
+
+bool TinybRadio::PairDevice(const std::string& mac, bool pair) {
+    auto device = GetDevice(mac);
+    if (!device) {
+        Logging::Log(LOG_ERR, "Could not find device with MAC: %s", mac.c_str());
+        return false;
+    }
+    bool done = false;
+    try {
+        done = pair ? device->pair() : device->remove_device();
+    } catch (const std::runtime_error& e) {
+        LogTinybException("PairDevice", e);
+    }
+    if (!done) {
+        Logging::Log(
+            LOG_ERR,
+            pair ? "Could not pair to device with MAC: %s" : "Could not unpair from device with MAC: %s",
+            mac.c_str());
+    }
+    return done;
+}
+
+bool TinybRadio::TrustDevice(const std::string& mac, bool trusted) {
+    auto device = GetDevice(mac);
+    if (!device) {
+        Logging::Log(LOG_ERR, "Could not find device with MAC: %s", mac.c_str());
+        return false;
+    }
+    device->set_trusted(trusted);
+    return true;
+}
+
+bool TinybRadio::ConnectDevice(const std::string& mac, bool connect) {
+    auto device = GetDevice(mac);
+    if (!device) {
+        Logging::Log(LOG_ERR, "Could not find device with MAC: %s", mac.c_str());
+        return false;
+    }
+    bool done = false;
+    try {
+        done = connect ? device->connect() : device->disconnect();
+    } catch (const std::runtime_error& e) {
+        LogTinybException("ConnectDevice", e);
+    }
+    if (!done) {
+        Logging::Log(LOG_ERR,
+                     connect ? "Could not connect to device with MAC: %s"
+                             : "Could not disconnect from device with MAC: %s",
+                     mac.c_str());
+    }
+    return done;
+}
+
+// ---------------------------------------------------------------- lookups
+
+tinyb::BluetoothManager* TinybRadio::GetManager() {
+    try {
+        return tinyb::BluetoothManager::get_bluetooth_manager();
+    } catch (const std::runtime_error& e) {
+        LogTinybException("GetManager", e);
+        return nullptr;
+    }
+}
+
+std::unique_ptr<tinyb::BluetoothDevice> TinybRadio::GetDevice(const std::string& mac) {
+    tinyb::BluetoothManager* bluetooth = GetManager();
+    if (bluetooth == nullptr)
+        return nullptr;
+    try {
+        for (auto& device : bluetooth->get_devices()) {
+            if (device->get_address() == mac)
+                return std::move(device);
+        }
+    } catch (const std::runtime_error& e) {
+        LogTinybException("GetDevice", e);
+    }
+    return nullptr;
+}
+
+std::unique_ptr<tinyb::BluetoothGattService> TinybRadio::GetService(tinyb::BluetoothDevice& device,
+                                                                    const std::string& uuidPart) {
+    std::unique_ptr<tinyb::BluetoothGattService> found;
+    try {
+        for (auto& service : device.get_services()) {
+            if (service->get_uuid().find(uuidPart) != std::string::npos)
+                found = std::move(service);
+        }
+    } catch (const std::runtime_error& e) {
+        LogTinybException("GetService", e);
+        return nullptr;
+    }
+    return found;
+}
+
+std::unique_ptr<tinyb::BluetoothGattCharacteristic> TinybRadio::GetCharacteristic(
+    tinyb::BluetoothGattService& service, const std::string& uuidPart) {
+    std::unique_ptr<tinyb::BluetoothGattCharacteristic> found;
+    try {
+        for (auto& characteristic : service.get_characteristics()) {
+            if (characteristic->get_uuid().find(uuidPart) != std::string::npos)
+                found = std::move(characteristic);
+        }
+    } catch (const std::runtime_error& e) {
+        LogTinybException("GetCharacteristic", e);
+        return nullptr;
+    }
+    return found;
+}
+
+std::unique_ptr<tinyb::BluetoothGattService> TinybRadio::GetService(const std::string& mac,
+                                                                    const std::string& serviceUuidPart) {
+    auto device = GetDevice(mac);
+    if (!device)
+        return nullptr;
+    return GetService(*device, serviceUuidPart);
+}
+
+std::unique_ptr<tinyb::BluetoothGattCharacteristic> TinybRadio::GetCharacteristic(
+    const std::string& mac, const std::string& serviceUuidPart, const std::string& characteristicUuidPart) {
+    auto service = GetService(mac, serviceUuidPart);
+    if (!service)
+        return nullptr;
+    return GetCharacteristic(*service, characteristicUuidPart);
+}
+
+// ---------------------------------------------------------------- GATT
+
+bool TinybRadio::ReadCharacteristic(const std::string& mac, const std::string& serviceUuidPart,
+                                    const std::string& characteristicUuidPart, std::vector<uint8_t>& out) {
+    auto characteristic = GetCharacteristic(mac, serviceUuidPart, characteristicUuidPart);
+    if (!characteristic) {
+        Logging::Log(LOG_INFO, "Could not get characteristic...");
+        return false;
+    }
+    try {
+        out = characteristic->read_value(0);
+    } catch (const std::exception& e) {
+        LogTinybException("ReadCharacteristic", e);
+        return false;
+    }
+    return true;
+}
+
+bool TinybRadio::WriteCharacteristic(const std::string& mac, const std::string& serviceUuidPart,
+                                     const std::string& characteristicUuidPart,
+                                     const std::vector<uint8_t>& value, int delayMs) {
+    auto characteristic = GetCharacteristic(mac, serviceUuidPart, characteristicUuidPart);
+    if (!characteristic) {
+        Logging::Log(LOG_INFO, "Could not get characteristic...");
+        return false;
+    }
+    bool written = false;
+    try {
+        written = characteristic->write_value(value, 0);
+    } catch (const std::exception& e) {
+        LogTinybException("WriteCharacteristic", e);
+        return false;
+    }
+    if (written && delayMs > 0)
+        SleepMs(delayMs);
+    return written;
+}
+
+bool TinybRadio::WaitForServiceDiscovery(const std::string& mac, unsigned timeoutSeconds) {
+    auto device = GetDevice(mac);
+    if (!device)
+        return false;
+    try {
+        if (!device->get_connected())
+            return false;
+        const uint64_t polls = 4ull * timeoutSeconds;
+        for (uint64_t poll = 0; poll < polls; ++poll) {
+            if (device->get_services_resolved()) {
+                Logging::Log(LOG_INFO, "%s: Service discovery done!", "WaitForServiceDiscovery");
+                return true;
+            }
+            SleepMs(kServiceDiscoveryPollMs);
+        }
+    } catch (const std::runtime_error& e) {
+        // The device went away while we waited.
+        LogTinybException("WaitForServiceDiscovery", e);
+    }
+    return false;
+}
+
+}  // namespace Backend

@@ -1,0 +1,76 @@
+#pragma once
+// Scan passes over tinyb (BlueZ's D-Bus API). The scanner keeps a list of the devices it has found across
+// passes, in order of first discovery, ages out those that stop appearing and announces every newly found
+// remote camera as JSON text.
+//
+// A pass runs on the calling thread and blocks in BlueZ calls. The scanner has no lock: its owner
+// serialises passes and readers of Devices(). Slots of NewRemoteCamera() run inside the pass.
+
+#include <sigc++/sigc++.h>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "backend/ScannerInterface.h"
+
+namespace tinyb {
+class BluetoothDevice;
+class BluetoothManager;
+}  // namespace tinyb
+
+namespace ScannedDevice {
+class Base;
+}
+
+namespace Backend {
+
+class TinybScanner : public ScannerInterface {
+  public:
+    using DeviceList = std::vector<std::shared_ptr<ScannedDevice::Base>>;
+    using NewRemoteCameraSignal = sigc::signal<void(const std::string&)>;
+
+    // Passes a device may be missing from BlueZ's list before it is dropped.
+    static constexpr int kMissCredit = 2;
+
+    // Obtains the tinyb manager; IsValid() tells whether that worked. Scan() must not run otherwise.
+    TinybScanner();
+    ~TinybScanner();
+    TinybScanner(const TinybScanner&) = delete;
+    TinybScanner& operator=(const TinybScanner&) = delete;
+
+    bool IsValid() const { return valid; }
+
+    // One pass: discovery on, BlueZ's current device list, discovery off, ageing. 0, or -1 when starting or
+    // stopping discovery failed. Manufacturer data of exactly two octets under our company identifier
+    // throw std::out_of_range out of the pass, with discovery left running (kept on purpose).
+    int Scan() override;
+
+    // Discovery on, device list, discovery off (0 or -1 as a pass), then BlueZ forgets every listed device.
+    // The internal list is left alone.
+    int ForgetAllDevices();
+
+    // The known devices, in order of first discovery.
+    const DeviceList& Devices() const { return devices; }
+    // Emitted with the JSON text of each newly discovered remote camera.
+    NewRemoteCameraSignal& NewRemoteCamera() { return newRemoteCamera; }
+
+    // A RemoteCamera when the manufacturer data carry our payload with a device type of 1..9, otherwise a
+    // Generic device; then filled from `device`. tinyb exceptions and the payload decoder's
+    // std::out_of_range pass through.
+    static std::shared_ptr<ScannedDevice::Base> MakeScannedDevice(tinyb::BluetoothDevice& device);
+
+  private:
+    // Each logs its own failure; false when the call failed.
+    bool StartDiscovery();
+    std::vector<std::unique_ptr<tinyb::BluetoothDevice>> FetchDevices();
+    bool StopDiscovery();
+    void Register(tinyb::BluetoothDevice& device);
+    void Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>>& present);
+
+    bool valid = false;
+    DeviceList devices;
+    NewRemoteCameraSignal newRemoteCamera;
+    tinyb::BluetoothManager* manager = nullptr;
+};
+
+}  // namespace Backend
