@@ -1,0 +1,110 @@
+#include "tinyb/BluetoothDevice.hpp"
+
+#include "Core.h"
+#include "tinyb/BluetoothGattService.hpp"
+
+namespace tinyb {
+
+using detail::kDevice;
+
+BluetoothDevice::BluetoothDevice(std::shared_ptr<detail::Core> core, std::string objectPath)
+    : core_(std::move(core)), path_(std::move(objectPath)) {}
+
+BluetoothDevice::BluetoothDevice(std::shared_ptr<detail::Core> core, std::string objectPath,
+                                 std::shared_ptr<const detail::Object> object)
+    : core_(std::move(core)), path_(std::move(objectPath)), object_(std::move(object)) {}
+
+BluetoothDevice::~BluetoothDevice() = default;
+
+std::string BluetoothDevice::get_address() {
+    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kDeviceAddress, {});
+}
+
+std::string BluetoothDevice::get_name() {
+    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kDeviceName, {});
+}
+
+std::string BluetoothDevice::get_alias() {
+    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kDeviceAlias, {});
+}
+
+int16_t BluetoothDevice::get_rssi() {
+    return core_->PropertyOr<int16_t>(path_, object_.get(), detail::kRssi, 0);
+}
+
+uint32_t BluetoothDevice::get_class() {
+    return core_->PropertyOr<uint32_t>(path_, object_.get(), detail::kClass, 0);
+}
+
+uint16_t BluetoothDevice::get_appearance() {
+    return core_->PropertyOr<uint16_t>(path_, object_.get(), detail::kAppearance, 0);
+}
+
+bool BluetoothDevice::get_paired() {
+    return core_->PropertyOr(path_, object_.get(), detail::kPaired, false);
+}
+
+bool BluetoothDevice::get_trusted() {
+    return core_->PropertyOr(path_, object_.get(), detail::kTrusted, false);
+}
+
+bool BluetoothDevice::get_connected() {
+    return core_->PropertyOr(path_, object_.get(), detail::kConnected, false);
+}
+
+bool BluetoothDevice::get_services_resolved() {
+    return core_->PropertyOr(path_, object_.get(), detail::kServicesResolved, false);
+}
+
+std::vector<std::string> BluetoothDevice::get_uuids() {
+    return core_->PropertyOr<std::vector<std::string>>(path_, object_.get(), detail::kUuids, {});
+}
+
+std::map<uint16_t, std::vector<uint8_t>> BluetoothDevice::get_manufacturer_data() {
+    return core_->PropertyOr<detail::ManufacturerData>(path_, object_.get(), detail::kManufacturerData, {});
+}
+
+std::string BluetoothDevice::get_adapter_path() {
+    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kDeviceAdapter, {});
+}
+
+bool BluetoothDevice::pair() {
+    core_->CallVoid(path_, detail::kIfaceNames[kDevice], "Pair", nullptr, detail::kPairTimeoutUsec);
+    return true;
+}
+
+bool BluetoothDevice::connect() {
+    core_->CallVoid(path_, detail::kIfaceNames[kDevice], "Connect");
+    return true;
+}
+
+bool BluetoothDevice::disconnect() {
+    core_->CallVoid(path_, detail::kIfaceNames[kDevice], "Disconnect");
+    return true;
+}
+
+bool BluetoothDevice::remove_device() {
+    const std::string adapter = get_adapter_path();
+    if (adapter.empty())
+        throw BluetoothException("org.bluez.Error.DoesNotExist", "no adapter for " + path_);
+    const std::string device = path_;
+    core_->CallVoid(adapter, detail::kIfaceNames[detail::kAdapter], "RemoveDevice",
+                    [device](sd_bus_message* m) { return sd_bus_message_append(m, "o", device.c_str()); });
+    return true;
+}
+
+bool BluetoothDevice::set_trusted(bool value) {
+    core_->SetBool(path_, detail::kTrusted, value);
+    return true;
+}
+
+std::vector<std::unique_ptr<BluetoothGattService>> BluetoothDevice::get_services() {
+    std::vector<std::unique_ptr<BluetoothGattService>> services;
+    for (auto& child : core_->Children(detail::kServiceDevice, path_)) {
+        services.push_back(
+            std::make_unique<BluetoothGattService>(core_, std::move(child.path), std::move(child.object)));
+    }
+    return services;
+}
+
+}  // namespace tinyb

@@ -1,0 +1,627 @@
+#include "Core.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "logging/CBoundary.h"
+#include "logging/Log.h"
+
+namespace tinyb::detail {
+
+std::atomic<uint64_t> g_methodCalls{0};
+
+namespace {
+
+constexpr const char* kObjectManager = "org.freedesktop.DBus.ObjectManager";
+constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
+
+// hciN -> N for ordering; other names sort after every hciN
+unsigned long AdapterIndex(const std::string& path) {
+    const auto slash = path.rfind('/');
+    const std::string leaf = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    if (leaf.rfind("hci", 0) != 0 || leaf.size() == 3)
+        return ~0UL;
+    char* end = nullptr;
+    const unsigned long n = std::strtoul(leaf.c_str() + 3, &end, 10);
+    return *end == '\0' ? n : ~0UL;
+}
+
+std::string ErrnoText(int r) {
+    return std::strerror(r < 0 ? -r : r);
+}
+
+}  // namespace
+
+// Owned by the sd-bus slot of one asynchronous call; freed with the slot.
+struct Core::Pending {
+    Request request;
+    bool finished = false;
+};
+
+std::shared_ptr<Core> Core::Start() {
+    std::shared_ptr<Core> core(new Core());
+    // shared: the library thread may still be inside set_value() when this thread has moved on
+    auto started = std::make_shared<std::promise<Failure>>();
+    auto ready = started->get_future();
+    core->thread_ = std::thread([raw = core.get(), started] { raw->Run(*started); });
+    const Failure failure = ready.get();
+    if (failure.failed) {
+        core->thread_.join();
+        throw BluetoothException(failure.name, failure.message);
+    }
+    return core;
+}
+
+Core::~Core() {
+    if (thread_.joinable()) {
+        if (OnLoopThread()) {
+            thread_.detach();
+        } else {
+            queue_->Post([this] { sd_event_exit(event_, 0); });
+            thread_.join();
+        }
+    }
+}
+
+void Core::Run(std::promise<Failure>& started) {
+    loopThreadId_ = std::this_thread::get_id();
+    Failure failure;
+    try {
+        Setup();
+    } catch (const BluetoothException& e) {
+        // handed over as text: the exception object stays on this thread
+        failure = {true, e.error_name(), e.what()};
+        const std::string prefix = failure.name + ": ";
+        if (!failure.name.empty() && failure.message.rfind(prefix, 0) == 0)
+            failure.message.erase(0, prefix.size());
+    } catch (const std::exception& e) {
+        failure = {true, "", e.what()};
+    }
+    if (failure.failed) {
+        Teardown();
+        started.set_value(failure);
+        return;
+    }
+    started.set_value(failure);
+    const int r = sd_event_loop(event_);
+    if (r < 0)
+        Logging::Log(LOG_ERR, "tinyb: event loop ended: %s", ErrnoText(r).c_str());
+    Teardown();
+}
+
+void Core::Teardown() {
+    queue_.reset();
+    for (sd_bus_slot* slot : matches_)
+        sd_bus_slot_unref(slot);
+    matches_.clear();
+    bus_ = sd_bus_flush_close_unref(bus_);
+    event_ = sd_event_unref(event_);
+}
+
+void Core::Setup() {
+    int r = sd_event_new(&event_);
+    if (r < 0)
+        throw BluetoothException("cannot create an event loop: " + ErrnoText(r));
+    r = sd_bus_open_system_with_description(&bus_, "tinyb");
+    if (r < 0)
+        throw BluetoothException("cannot connect to the system bus: " + ErrnoText(r));
+    r = sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0)
+        throw BluetoothException("cannot attach the system bus: " + ErrnoText(r));
+    queue_ = std::make_unique<EventLoop::LoopQueue>(event_);
+
+    // Matches first, so that nothing BlueZ changes after its object list is missed.
+    AddMatches();
+
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    g_methodCalls.fetch_add(1, std::memory_order_relaxed);
+    r = sd_bus_call_method(bus_, kBluez, "/", kObjectManager, "GetManagedObjects", &error, &reply, "");
+    if (r < 0) {
+        BluetoothException e(error.name ? error.name : "", error.message ? error.message : ErrnoText(r));
+        sd_bus_error_free(&error);
+        throw e;
+    }
+    try {
+        LoadObjects(reply);
+    } catch (...) {
+        sd_bus_message_unref(reply);
+        throw;
+    }
+    sd_bus_message_unref(reply);
+}
+
+void Core::AddMatches() {
+    struct Match {
+        std::string rule;
+        sd_bus_message_handler_t handler;
+    };
+    const std::string bluez = "type='signal',sender='org.bluez',";
+    std::vector<Match> rules = {
+        {bluez + "path='/',interface='org.freedesktop.DBus.ObjectManager',member='InterfacesAdded'",
+         &Core::OnInterfacesAdded},
+        {bluez + "path='/',interface='org.freedesktop.DBus.ObjectManager',member='InterfacesRemoved'",
+         &Core::OnInterfacesRemoved},
+        {"type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+         "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.bluez'",
+         &Core::OnNameOwnerChanged},
+    };
+    // One rule per mirrored interface: changes of other BlueZ interfaces never wake this thread.
+    for (const char* iface : kIfaceNames) {
+        rules.push_back({bluez +
+                             "interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',"
+                             "path_namespace='/org/bluez',arg0='" +
+                             iface + "'",
+                         &Core::OnPropertiesChanged});
+    }
+    for (const Match& match : rules) {
+        sd_bus_slot* slot = nullptr;
+        const int r = sd_bus_add_match(bus_, &slot, match.rule.c_str(), match.handler, this);
+        if (r < 0)
+            throw BluetoothException("cannot subscribe to BlueZ's signals: " + ErrnoText(r));
+        matches_.push_back(slot);
+    }
+}
+
+// ---------------------------------------------------------------- cache
+
+const PropSet& Core::Locate(const std::string& path, const Object* hint, Iface iface) const {
+    const Object* object = hint;
+    if (object == nullptr || !object->alive) {
+        auto it = index_.find(path);
+        if (it != index_.end())
+            object = it->second->get();
+    }
+    if (object == nullptr || (object->mask & (1u << iface)) == 0) {
+        throw BluetoothException("org.freedesktop.DBus.Error.UnknownObject",
+                                 "BlueZ has no " + std::string(kIfaceNames[iface]) + " at " + path);
+    }
+    return object->props[iface];
+}
+
+std::vector<Core::Child> Core::Children(Prop parent, const std::string& path) const {
+    const Iface iface = IfaceOf(parent);
+    std::vector<Child> children;
+    std::shared_lock<std::shared_mutex> lock(cacheMutex_);
+    for (const auto& object : objects_) {
+        if ((object->mask & (1u << iface)) == 0)
+            continue;
+        const Value* value = object->props[iface].Get(parent);
+        const auto* text = value == nullptr ? nullptr : std::get_if<std::string>(value);
+        if (text != nullptr && *text == path)
+            children.push_back({object->path, object});
+    }
+    return children;
+}
+
+std::vector<std::string> Core::Adapters() const {
+    std::shared_lock<std::shared_mutex> lock(cacheMutex_);
+    return adapters_;
+}
+
+void Core::LoadObjects(sd_bus_message* reply) {
+    int r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_ARRAY, "{oa{sa{sv}}}");
+    while (r >= 0 && (r = sd_bus_message_enter_container(reply, SD_BUS_TYPE_DICT_ENTRY, "oa{sa{sv}}")) > 0) {
+        const char* path = nullptr;
+        if ((r = sd_bus_message_read_basic(reply, SD_BUS_TYPE_OBJECT_PATH, &path)) < 0)
+            break;
+        IfaceProps props;
+        unsigned mask = 0;
+        if ((r = ReadInterfaces(reply, props, mask)) < 0)
+            break;
+        ApplyInterfacesAdded(path, props, mask);
+        r = sd_bus_message_exit_container(reply);
+    }
+    if (r >= 0)
+        r = sd_bus_message_exit_container(reply);
+    if (r < 0)
+        throw BluetoothException("malformed GetManagedObjects reply from BlueZ: " + ErrnoText(r));
+}
+
+void Core::ApplyInterfacesAdded(const char* path, IfaceProps& props, unsigned mask) {
+    if (mask == 0)
+        return;
+    std::unique_lock<std::shared_mutex> lock(cacheMutex_);
+    auto it = index_.find(path);
+    if (it == index_.end()) {
+        auto object = std::make_shared<Object>();
+        object->path = path;
+        objects_.push_back(std::move(object));
+        it = index_.emplace(path, std::prev(objects_.end())).first;
+    }
+    Object& object = **it->second;
+    for (unsigned i = 0; i < kIfaceCount; ++i) {
+        if ((mask & (1u << i)) != 0)
+            object.props[i].Merge(std::move(props[i]));
+    }
+    if ((mask & (1u << kAdapter)) != 0 && (object.mask & (1u << kAdapter)) == 0) {
+        adapters_.push_back(object.path);
+        std::stable_sort(adapters_.begin(), adapters_.end(), [](const std::string& a, const std::string& b) {
+            const auto ia = AdapterIndex(a), ib = AdapterIndex(b);
+            return ia != ib ? ia < ib : a < b;
+        });
+    }
+    object.mask |= mask;
+}
+
+void Core::ApplyInterfacesRemoved(const char* path, unsigned mask) {
+    {
+        std::unique_lock<std::shared_mutex> lock(cacheMutex_);
+        auto it = index_.find(path);
+        if (it == index_.end())
+            return;
+        Object& object = **it->second;
+        if ((mask & object.mask & (1u << kAdapter)) != 0) {
+            adapters_.erase(std::remove(adapters_.begin(), adapters_.end(), object.path), adapters_.end());
+        }
+        if ((object.mask & ~mask) == 0) {
+            // Gone: handles keep its last values.
+            object.alive = false;
+            objects_.erase(it->second);
+            index_.erase(it);
+        } else {
+            for (unsigned i = 0; i < kIfaceCount; ++i) {
+                if ((mask & (1u << i)) != 0)
+                    object.props[i].Clear();
+            }
+            object.mask &= ~mask;
+        }
+    }
+    if ((mask & (1u << kAdapter)) != 0) {
+        std::lock_guard<std::mutex> lock(discoveryMutex_);
+        discoverySessions_.erase(path);
+    }
+    if ((mask & (1u << kCharacteristic)) != 0)
+        valueCallbacks_.erase(path);
+}
+
+void Core::ClearCache() {
+    {
+        std::unique_lock<std::shared_mutex> lock(cacheMutex_);
+        for (auto& object : objects_)
+            object->alive = false;
+        objects_.clear();
+        index_.clear();
+        adapters_.clear();
+    }
+    {
+        std::lock_guard<std::mutex> lock(discoveryMutex_);
+        discoverySessions_.clear();
+    }
+    valueCallbacks_.clear();
+}
+
+void Core::RequestObjects() {
+    sd_bus_message* m = nullptr;
+    int r = sd_bus_message_new_method_call(bus_, &m, kBluez, "/", kObjectManager, "GetManagedObjects");
+    if (r >= 0) {
+        g_methodCalls.fetch_add(1, std::memory_order_relaxed);
+        r = sd_bus_call_async(bus_, nullptr, m, &Core::OnObjectsLoaded, this, kCallTimeoutUsec);
+    }
+    sd_bus_message_unref(m);
+    if (r < 0)
+        Logging::Log(LOG_ERR, "tinyb: cannot ask BlueZ for its objects: %s", ErrnoText(r).c_str());
+}
+
+int Core::OnObjectsLoaded(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb GetManagedObjects reply", [&] {
+        if (sd_bus_message_is_method_error(m, nullptr)) {
+            const sd_bus_error* e = sd_bus_message_get_error(m);
+            Logging::Log(LOG_ERR, "tinyb: BlueZ did not list its objects: %s",
+                         e && e->message ? e->message : "");
+            return;
+        }
+        static_cast<Core*>(userdata)->LoadObjects(m);
+    });
+}
+
+int Core::OnInterfacesAdded(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb InterfacesAdded", [&] {
+        const char* path = nullptr;
+        int r = sd_bus_message_read_basic(m, SD_BUS_TYPE_OBJECT_PATH, &path);
+        IfaceProps props;
+        unsigned mask = 0;
+        if (r >= 0)
+            r = ReadInterfaces(m, props, mask);
+        if (r < 0)
+            throw BluetoothException("malformed InterfacesAdded: " + ErrnoText(r));
+        static_cast<Core*>(userdata)->ApplyInterfacesAdded(path, props, mask);
+    });
+}
+
+int Core::OnInterfacesRemoved(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb InterfacesRemoved", [&] {
+        const char* path = nullptr;
+        int r = sd_bus_message_read_basic(m, SD_BUS_TYPE_OBJECT_PATH, &path);
+        unsigned mask = 0;
+        if (r >= 0)
+            r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "s");
+        const char* name = nullptr;
+        while (r >= 0 && (r = sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &name)) > 0) {
+            const int iface = IfaceFromName(name);
+            if (iface >= 0)
+                mask |= 1u << iface;
+        }
+        if (r < 0)
+            throw BluetoothException("malformed InterfacesRemoved: " + ErrnoText(r));
+        if (mask != 0)
+            static_cast<Core*>(userdata)->ApplyInterfacesRemoved(path, mask);
+    });
+}
+
+int Core::OnPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb PropertiesChanged", [&] {
+        Core* core = static_cast<Core*>(userdata);
+        const char* path = sd_bus_message_get_path(m);
+        const char* name = nullptr;
+        int r = sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &name);
+        if (r < 0 || path == nullptr)
+            throw BluetoothException("malformed PropertiesChanged");
+        const int iface = IfaceFromName(name);
+        if (iface < 0)
+            return;
+        const Iface which = static_cast<Iface>(iface);
+        PropSet changed;
+        r = ReadProperties(m, which, changed);
+        std::vector<Prop> invalidated;
+        if (r >= 0)
+            r = ReadInvalidated(m, which, invalidated);
+        if (r < 0)
+            throw BluetoothException("malformed PropertiesChanged: " + ErrnoText(r));
+
+        // BlueZ ends every discovery session of an adapter that is powered off
+        if (which == kAdapter) {
+            const Value* powered = changed.Get(kPowered);
+            const bool* on = powered == nullptr ? nullptr : std::get_if<bool>(powered);
+            if (on != nullptr && !*on) {
+                std::lock_guard<std::mutex> lock(core->discoveryMutex_);
+                core->discoverySessions_.erase(path);
+            }
+        }
+        // A notification's value is copied out before the cache takes it over.
+        std::optional<Bytes> notified;
+        if (which == kCharacteristic && core->valueCallbacks_.count(path) != 0) {
+            const Value* value = changed.Get(kValue);
+            const auto* bytes = value == nullptr ? nullptr : std::get_if<Bytes>(value);
+            if (bytes != nullptr)
+                notified = *bytes;
+        }
+        {
+            std::unique_lock<std::shared_mutex> lock(core->cacheMutex_);
+            auto it = core->index_.find(path);
+            // BlueZ announces an interface before changing it; anything else is stale
+            if (it == core->index_.end() || ((*it->second)->mask & (1u << which)) == 0)
+                return;
+            PropSet& props = (*it->second)->props[which];
+            props.Merge(std::move(changed));
+            for (Prop gone : invalidated)
+                props.Erase(gone);
+        }
+        if (notified) {
+            auto callback = core->valueCallbacks_.find(path);
+            if (callback == core->valueCallbacks_.end())
+                return;
+            // A copy: the callback may withdraw itself while it runs.
+            auto function = callback->second;
+            try {
+                function(*notified);
+            } catch (const std::exception& e) {
+                Logging::Log(LOG_ERR, "tinyb: notification callback for %s threw: %s", path, e.what());
+            } catch (...) {
+                Logging::Log(LOG_ERR, "tinyb: notification callback for %s threw", path);
+            }
+        }
+    });
+}
+
+int Core::OnNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb NameOwnerChanged", [&] {
+        const char *name = nullptr, *oldOwner = nullptr, *newOwner = nullptr;
+        const int r = sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner);
+        if (r < 0)
+            throw BluetoothException("malformed NameOwnerChanged: " + ErrnoText(r));
+        Core* core = static_cast<Core*>(userdata);
+        if (oldOwner != nullptr && *oldOwner != '\0') {
+            Logging::Log(LOG_WARNING, "tinyb: BlueZ left the system bus");
+            core->ClearCache();
+        }
+        if (newOwner != nullptr && *newOwner != '\0') {
+            Logging::Log(LOG_INFO, "tinyb: BlueZ is on the system bus, loading its objects");
+            core->RequestObjects();
+        }
+    });
+}
+
+// ---------------------------------------------------------------- calls
+
+void Core::Submit(Request request) {
+    if (OnLoopThread()) {
+        SendSync(request);
+        return;
+    }
+    auto shared = std::make_shared<Request>(std::move(request));
+    queue_->Post([this, shared] { Send(*shared); });
+}
+
+// Library thread, called from user code running there (a notification callback calling back into the
+// library): the loop cannot dispatch a reply while that code waits, so the call is synchronous.
+void Core::SendSync(Request& request) {
+    sd_bus_message* m = nullptr;
+    int r =
+        sd_bus_message_new_method_call(bus_, &m, kBluez, request.path.c_str(), request.iface, request.member);
+    if (r >= 0 && request.append)
+        r = request.append(m);
+    if (r < 0) {
+        sd_bus_message_unref(m);
+        request.done(nullptr, "", "cannot build " + std::string(request.member) + ": " + ErrnoText(r));
+        return;
+    }
+    g_methodCalls.fetch_add(1, std::memory_order_relaxed);
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    r = sd_bus_call(bus_, m, request.timeoutUsec, &error, &reply);
+    sd_bus_message_unref(m);
+    if (r < 0) {
+        const std::string name = error.name ? error.name : "";
+        const std::string message = error.message ? error.message : ErrnoText(r);
+        sd_bus_error_free(&error);
+        request.done(nullptr, name, message);
+        return;
+    }
+    request.done(reply, "", "");
+    sd_bus_message_unref(reply);
+}
+
+// Library thread: builds and sends the call asynchronously; OnReply completes it.
+void Core::Send(Request& request) {
+    sd_bus_message* m = nullptr;
+    int r =
+        sd_bus_message_new_method_call(bus_, &m, kBluez, request.path.c_str(), request.iface, request.member);
+    if (r >= 0 && request.append)
+        r = request.append(m);
+    if (r < 0) {
+        sd_bus_message_unref(m);
+        request.done(nullptr, "", "cannot build " + std::string(request.member) + ": " + ErrnoText(r));
+        return;
+    }
+    g_methodCalls.fetch_add(1, std::memory_order_relaxed);
+    auto* pending = new Pending{std::move(request), false};
+    sd_bus_slot* slot = nullptr;
+    r = sd_bus_call_async(bus_, &slot, m, &Core::OnReply, pending, pending->request.timeoutUsec);
+    sd_bus_message_unref(m);
+    if (r < 0) {
+        pending->request.done(nullptr, "",
+                              "cannot send " + std::string(pending->request.member) + ": " + ErrnoText(r));
+        delete pending;
+        return;
+    }
+    sd_bus_slot_set_destroy_callback(slot, &Core::OnPendingDestroyed);
+    sd_bus_slot_set_floating(slot, 1);
+    sd_bus_slot_unref(slot);
+}
+
+int Core::OnReply(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("tinyb method reply", [&] {
+        auto* pending = static_cast<Pending*>(userdata);
+        pending->finished = true;
+        if (sd_bus_message_is_method_error(m, nullptr)) {
+            const sd_bus_error* e = sd_bus_message_get_error(m);
+            pending->request.done(nullptr, e && e->name ? e->name : "", e && e->message ? e->message : "");
+        } else {
+            pending->request.done(m, "", "");
+        }
+    });
+}
+
+void Core::OnPendingDestroyed(void* userdata) {
+    auto* pending = static_cast<Pending*>(userdata);
+    if (!pending->finished) {
+        CBoundary::Call("tinyb dropped call",
+                        [&] { pending->request.done(nullptr, "", "the system bus connection was closed"); });
+    }
+    delete pending;
+}
+
+void Core::CallVoid(const std::string& path, const char* iface, const char* member, Append append,
+                    uint64_t timeoutUsec) {
+    Call<bool>(
+        path, iface, member, std::move(append), [](sd_bus_message*) { return true; }, timeoutUsec);
+}
+
+void Core::RunOnLoop(std::function<void()> task) {
+    if (OnLoopThread()) {
+        task();
+        return;
+    }
+    auto promise = std::make_shared<std::promise<std::string>>();
+    auto future = promise->get_future();
+    queue_->Post([promise, task = std::move(task)] {
+        std::string error;
+        try {
+            task();
+        } catch (const std::exception& e) {
+            error = e.what();
+            if (error.empty())
+                error = "failed";
+        }
+        promise->set_value(std::move(error));
+    });
+    const std::string error = Await(future, kCallTimeoutUsec, "hand-over to the library thread");
+    if (!error.empty())
+        throw BluetoothException(error);
+}
+
+void Core::SetBool(const std::string& path, Prop prop, bool value) {
+    const std::string ifaceName = kIfaceNames[IfaceOf(prop)];
+    const std::string property = PropName(prop);
+    CallVoid(path, kProperties, "Set", [ifaceName, property, value](sd_bus_message* m) {
+        return sd_bus_message_append(m, "ssv", ifaceName.c_str(), property.c_str(), "b", value ? 1 : 0);
+    });
+}
+
+// ---------------------------------------------------------------- discovery
+
+bool Core::DiscoverySession(const std::string& adapter) const {
+    std::lock_guard<std::mutex> lock(discoveryMutex_);
+    return discoverySessions_.count(adapter) != 0;
+}
+
+bool Core::StartDiscovery(const std::string& adapter) {
+    std::unique_lock<std::mutex> serial(discoveryCallMutex_, std::defer_lock);
+    if (!OnLoopThread())
+        serial.lock();
+    if (DiscoverySession(adapter))
+        return true;
+    try {
+        CallVoid(adapter, kIfaceNames[kAdapter], "StartDiscovery");
+    } catch (const BluetoothException& e) {
+        // BlueZ says this client's discovery already runs: remember it, so that a stop goes out
+        if (e.error_name() == "org.bluez.Error.InProgress") {
+            std::lock_guard<std::mutex> lock(discoveryMutex_);
+            discoverySessions_.insert(adapter);
+        }
+        throw;
+    }
+    std::lock_guard<std::mutex> lock(discoveryMutex_);
+    discoverySessions_.insert(adapter);
+    return true;
+}
+
+bool Core::StopDiscovery(const std::string& adapter) {
+    std::unique_lock<std::mutex> serial(discoveryCallMutex_, std::defer_lock);
+    if (!OnLoopThread())
+        serial.lock();
+    if (!DiscoverySession(adapter))
+        return false;
+    try {
+        CallVoid(adapter, kIfaceNames[kAdapter], "StopDiscovery");
+    } catch (const BluetoothException& e) {
+        // Whatever BlueZ refused, it holds no session for us that a later stop could end, except when
+        // the answer never came.
+        if (e.error_name() != "org.freedesktop.DBus.Error.Timeout" &&
+            e.error_name() != "org.freedesktop.DBus.Error.NoReply") {
+            std::lock_guard<std::mutex> lock(discoveryMutex_);
+            discoverySessions_.erase(adapter);
+        }
+        throw;
+    }
+    std::lock_guard<std::mutex> lock(discoveryMutex_);
+    discoverySessions_.erase(adapter);
+    return true;
+}
+
+// ---------------------------------------------------------------- notifications
+
+void Core::SetValueCallback(const std::string& path, BluetoothGattCharacteristic::ValueCallback callback) {
+    valueCallbacks_[path] = std::move(callback);
+}
+
+void Core::ClearValueCallback(const std::string& path) {
+    valueCallbacks_.erase(path);
+}
+
+}  // namespace tinyb::detail

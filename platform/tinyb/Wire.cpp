@@ -1,0 +1,340 @@
+#include "Wire.h"
+
+#include <cstring>
+
+namespace tinyb::detail {
+
+const char* const kIfaceNames[kIfaceCount] = {"org.bluez.Adapter1", "org.bluez.Device1",
+                                              "org.bluez.GattService1", "org.bluez.GattCharacteristic1"};
+
+namespace {
+
+const char* const kPropNames[kPropCount] = {
+    "Address",
+    "Name",
+    "Alias",
+    "Powered",
+    "Pairable",
+    "Discoverable",
+    "Discovering",
+    "Address",
+    "Name",
+    "Alias",
+    "RSSI",
+    "Class",
+    "Appearance",
+    "Paired",
+    "Trusted",
+    "Connected",
+    "ServicesResolved",
+    "UUIDs",
+    "ManufacturerData",
+    "Adapter",
+    "UUID",
+    "Primary",
+    "Device",
+    "UUID",
+    "Service",
+    "Flags",
+    "Notifying",
+    "Value",
+};
+// First property of each interface, and the end of the last block.
+constexpr unsigned kFirstProp[kIfaceCount + 1] = {kAdapterAddress, kDeviceAddress, kServiceUuid,
+                                                  kCharacteristicUuid, kPropCount};
+
+Prop FindProp(Iface iface, const char* name) {
+    for (unsigned p = kFirstProp[iface]; p < kFirstProp[iface + 1]; ++p) {
+        if (std::strcmp(name, kPropNames[p]) == 0)
+            return static_cast<Prop>(p);
+    }
+    return kPropCount;
+}
+
+}  // namespace
+
+int IfaceFromName(const char* name) {
+    for (unsigned i = 0; i < kIfaceCount; ++i) {
+        if (std::strcmp(name, kIfaceNames[i]) == 0)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+const char* PropName(Prop prop) {
+    return kPropNames[prop];
+}
+
+Iface IfaceOf(Prop prop) {
+    unsigned i = 0;
+    while (prop >= kFirstProp[i + 1])
+        ++i;
+    return static_cast<Iface>(i);
+}
+
+const Value* PropSet::Get(Prop prop) const {
+    if (iface_ == kIfaceCount || iface_ != IfaceOf(prop))
+        return nullptr;
+    const unsigned slot = prop - kFirstProp[iface_];
+    return (present_ & (1u << slot)) != 0 ? &slots_[slot] : nullptr;
+}
+
+void PropSet::Set(Prop prop, Value value) {
+    const Iface iface = IfaceOf(prop);
+    if (iface_ != iface) {
+        iface_ = iface;
+        present_ = 0;
+        slots_.assign(kFirstProp[iface + 1] - kFirstProp[iface], Value{});
+    }
+    const unsigned slot = prop - kFirstProp[iface];
+    slots_[slot] = std::move(value);
+    present_ |= 1u << slot;
+}
+
+void PropSet::Erase(Prop prop) {
+    if (iface_ != IfaceOf(prop))
+        return;
+    const unsigned slot = prop - kFirstProp[iface_];
+    slots_[slot] = Value{};
+    present_ &= ~(1u << slot);
+}
+
+void PropSet::Merge(PropSet&& other) {
+    if (other.iface_ == kIfaceCount)
+        return;
+    for (unsigned slot = 0; slot < other.slots_.size(); ++slot) {
+        if ((other.present_ & (1u << slot)) != 0) {
+            Set(static_cast<Prop>(kFirstProp[other.iface_] + slot), std::move(other.slots_[slot]));
+        }
+    }
+}
+
+void PropSet::Clear() {
+    present_ = 0;
+    slots_.clear();
+    iface_ = kIfaceCount;
+}
+
+namespace {
+
+template <typename T>
+int ReadBasic(sd_bus_message* m, char type, Value& out) {
+    T v{};
+    const int r = sd_bus_message_read_basic(m, type, &v);
+    if (r >= 0)
+        out = v;
+    return r;
+}
+
+int ReadStrings(sd_bus_message* m, const char* element, Value& out) {
+    std::vector<std::string> list;
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, element);
+    if (r < 0)
+        return r;
+    const char* s = nullptr;
+    while ((r = sd_bus_message_read_basic(m, element[0], &s)) > 0)
+        list.emplace_back(s);
+    if (r < 0)
+        return r;
+    r = sd_bus_message_exit_container(m);
+    if (r >= 0)
+        out = std::move(list);
+    return r;
+}
+
+int ReadBytes(sd_bus_message* m, Bytes& out) {
+    const void* data = nullptr;
+    size_t size = 0;
+    const int r = sd_bus_message_read_array(m, SD_BUS_TYPE_BYTE, &data, &size);
+    if (r < 0)
+        return r;
+    const auto* p = static_cast<const uint8_t*>(data);
+    out.assign(p, p + size);
+    return r;
+}
+
+// a{qv}, each value an ay; entries of another type are skipped
+int ReadManufacturerData(sd_bus_message* m, Value& out) {
+    ManufacturerData data;
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{qv}");
+    if (r < 0)
+        return r;
+    while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "qv")) > 0) {
+        uint16_t company = 0;
+        if ((r = sd_bus_message_read_basic(m, SD_BUS_TYPE_UINT16, &company)) < 0)
+            return r;
+        char type = 0;
+        const char* contents = nullptr;
+        if ((r = sd_bus_message_peek_type(m, &type, &contents)) < 0)
+            return r;
+        if (contents != nullptr && std::strcmp(contents, "ay") == 0) {
+            if ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, "ay")) < 0)
+                return r;
+            if ((r = ReadBytes(m, data[company])) < 0)
+                return r;
+            if ((r = sd_bus_message_exit_container(m)) < 0)
+                return r;
+        } else if ((r = sd_bus_message_skip(m, "v")) < 0) {
+            return r;
+        }
+        if ((r = sd_bus_message_exit_container(m)) < 0)
+            return r;
+    }
+    if (r < 0)
+        return r;
+    r = sd_bus_message_exit_container(m);
+    if (r >= 0)
+        out = std::move(data);
+    return r;
+}
+
+// Reads the variant at the current position. Returns 1 when a value was stored, 0 when skipped.
+int ReadVariant(sd_bus_message* m, Value& out) {
+    char type = 0;
+    const char* contents = nullptr;
+    int r = sd_bus_message_peek_type(m, &type, &contents);
+    if (r < 0)
+        return r;
+    if (type != SD_BUS_TYPE_VARIANT || contents == nullptr)
+        return -EBADMSG;
+    if (std::strlen(contents) == 1) {
+        r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
+        if (r < 0)
+            return r;
+        int stored = 1;
+        switch (contents[0]) {
+            case SD_BUS_TYPE_BOOLEAN: {
+                int b = 0;
+                r = sd_bus_message_read_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
+                if (r >= 0)
+                    out = b != 0;
+                break;
+            }
+            case SD_BUS_TYPE_BYTE:
+                r = ReadBasic<uint8_t>(m, SD_BUS_TYPE_BYTE, out);
+                break;
+            case SD_BUS_TYPE_INT16:
+                r = ReadBasic<int16_t>(m, SD_BUS_TYPE_INT16, out);
+                break;
+            case SD_BUS_TYPE_UINT16:
+                r = ReadBasic<uint16_t>(m, SD_BUS_TYPE_UINT16, out);
+                break;
+            case SD_BUS_TYPE_INT32:
+                r = ReadBasic<int32_t>(m, SD_BUS_TYPE_INT32, out);
+                break;
+            case SD_BUS_TYPE_UINT32:
+                r = ReadBasic<uint32_t>(m, SD_BUS_TYPE_UINT32, out);
+                break;
+            case SD_BUS_TYPE_STRING:
+            case SD_BUS_TYPE_OBJECT_PATH:
+            case SD_BUS_TYPE_SIGNATURE: {
+                const char* s = nullptr;
+                r = sd_bus_message_read_basic(m, contents[0], &s);
+                if (r >= 0)
+                    out = std::string(s);
+                break;
+            }
+            default:
+                r = sd_bus_message_skip(m, contents);
+                stored = 0;
+                break;
+        }
+        if (r < 0)
+            return r;
+        r = sd_bus_message_exit_container(m);
+        return r < 0 ? r : stored;
+    }
+    if (std::strcmp(contents, "as") == 0 || std::strcmp(contents, "ao") == 0 ||
+        std::strcmp(contents, "ay") == 0 || std::strcmp(contents, "a{qv}") == 0) {
+        r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
+        if (r < 0)
+            return r;
+        if (contents[1] == 'y') {
+            Bytes bytes;
+            r = ReadBytes(m, bytes);
+            if (r >= 0)
+                out = std::move(bytes);
+        } else if (contents[1] == '{') {
+            r = ReadManufacturerData(m, out);
+        } else {
+            r = ReadStrings(m, contents + 1, out);
+        }
+        if (r < 0)
+            return r;
+        r = sd_bus_message_exit_container(m);
+        return r < 0 ? r : 1;
+    }
+    r = sd_bus_message_skip(m, "v");
+    return r < 0 ? r : 0;
+}
+
+}  // namespace
+
+int ReadProperties(sd_bus_message* m, Iface iface, PropSet& out) {
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sv}");
+    if (r < 0)
+        return r;
+    while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
+        const char* name = nullptr;
+        if ((r = sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &name)) < 0)
+            return r;
+        const Prop prop = FindProp(iface, name);
+        if (prop == kPropCount) {
+            r = sd_bus_message_skip(m, "v");
+        } else {
+            Value value;
+            r = ReadVariant(m, value);
+            if (r > 0)
+                out.Set(prop, std::move(value));
+        }
+        if (r < 0)
+            return r;
+        if ((r = sd_bus_message_exit_container(m)) < 0)
+            return r;
+    }
+    if (r < 0)
+        return r;
+    return sd_bus_message_exit_container(m);
+}
+
+int ReadInvalidated(sd_bus_message* m, Iface iface, std::vector<Prop>& out) {
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "s");
+    if (r < 0)
+        return r;
+    const char* name = nullptr;
+    while ((r = sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &name)) > 0) {
+        const Prop prop = FindProp(iface, name);
+        if (prop != kPropCount)
+            out.push_back(prop);
+    }
+    if (r < 0)
+        return r;
+    return sd_bus_message_exit_container(m);
+}
+
+int ReadInterfaces(sd_bus_message* m, IfaceProps& props, unsigned& mask) {
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_ARRAY, "{sa{sv}}");
+    if (r < 0)
+        return r;
+    while ((r = sd_bus_message_enter_container(m, SD_BUS_TYPE_DICT_ENTRY, "sa{sv}")) > 0) {
+        const char* name = nullptr;
+        if ((r = sd_bus_message_read_basic(m, SD_BUS_TYPE_STRING, &name)) < 0)
+            return r;
+        const int iface = IfaceFromName(name);
+        if (iface < 0) {
+            r = sd_bus_message_skip(m, "a{sv}");
+        } else {
+            mask |= 1u << iface;
+            r = ReadProperties(m, static_cast<Iface>(iface), props[static_cast<unsigned>(iface)]);
+        }
+        if (r < 0)
+            return r;
+        if ((r = sd_bus_message_exit_container(m)) < 0)
+            return r;
+    }
+    if (r < 0)
+        return r;
+    return sd_bus_message_exit_container(m);
+}
+
+}  // namespace tinyb::detail
