@@ -1,0 +1,88 @@
+#include "dbus_helper/DbusConnector.h"
+
+#include <cerrno>
+
+#include "logging/CBoundary.h"
+
+namespace DbusHelper {
+
+namespace {
+const char* OrNull(const std::string& text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+}  // namespace
+
+DbusConnector::DbusConnector(sd_event* loop) : loop_(loop) {}
+
+DbusConnector::~DbusConnector() {
+    // subclasses have released their part in their own destructors
+    if (bus_ != nullptr) {
+        sd_bus_detach_event(bus_);
+        bus_ = sd_bus_flush_close_unref(bus_);
+    }
+}
+
+int DbusConnector::Connect() {
+    if (bus_ != nullptr)
+        return -EALREADY;
+    sd_bus* bus = nullptr;
+    int r = sd_bus_open_user(&bus);
+    if (r < 0)
+        return r;
+    r = sd_bus_attach_event(bus, loop_, SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0) {
+        sd_bus_flush_close_unref(bus);
+        return r;
+    }
+    bus_ = bus;
+    return 0;
+}
+
+void DbusConnector::Disconnect() {
+    if (bus_ == nullptr)
+        return;
+    BeforeDisconnect();
+    sd_bus_detach_event(bus_);
+    bus_ = sd_bus_flush_close_unref(bus_);
+}
+
+DbusListener::DbusListener(sd_event* loop) : DbusConnector(loop) {}
+
+DbusListener::~DbusListener() {
+    BeforeDisconnect();
+}
+
+void DbusListener::BeforeDisconnect() {
+    for (auto& subscription : subscriptions_)
+        sd_bus_slot_unref(subscription->slot);
+    subscriptions_.clear();
+}
+
+int DbusListener::ListenSignal(const std::string& sender, const std::string& path,
+                               const std::string& interface, const std::string& member,
+                               sd_bus_message_handler_t callback, void* userdata) {
+    if (Bus() == nullptr)
+        return -ENOTCONN;
+    if (callback == nullptr)
+        return -EINVAL;
+    auto subscription = std::make_unique<Subscription>();
+    subscription->callback = callback;
+    subscription->userdata = userdata;
+    subscription->where =
+        "signal " + interface + "." + member + " from " + (sender.empty() ? "any sender" : sender);
+    const int r =
+        sd_bus_match_signal(Bus(), &subscription->slot, OrNull(sender), OrNull(path), OrNull(interface),
+                            OrNull(member), &DbusListener::Trampoline, subscription.get());
+    if (r < 0)
+        return r;
+    subscriptions_.push_back(std::move(subscription));
+    return 0;
+}
+
+int DbusListener::Trampoline(sd_bus_message* m, void* userdata, sd_bus_error* error) {
+    auto* subscription = static_cast<Subscription*>(userdata);
+    return CBoundary::Call(subscription->where.c_str(),
+                           [&] { return subscription->callback(m, subscription->userdata, error); });
+}
+
+}  // namespace DbusHelper

@@ -1,0 +1,91 @@
+#include "dbus_helper/DbusServer.h"
+
+#include <cerrno>
+#include <exception>
+
+#include "logging/Log.h"
+#include "logging/LoopQueue.h"
+
+namespace DbusHelper {
+
+DbusServer::DbusServer(std::string serviceName, std::string objectPath, std::string description,
+                       bool systemBus, bool addObjectManager, sd_event* loop)
+    : serviceName_(std::move(serviceName)),
+      objectPath_(std::move(objectPath)),
+      description_(std::move(description)),
+      systemBus_(systemBus),
+      addObjectManager_(addObjectManager),
+      loop_(loop) {}
+
+DbusServer::~DbusServer() {
+    Release();
+}
+
+int DbusServer::Start() {
+    if (bus_ != nullptr)
+        return -EALREADY;
+    sd_bus* bus = nullptr;
+    int r = systemBus_ ? sd_bus_open_system(&bus) : sd_bus_open_user(&bus);
+    if (r < 0)
+        return r;
+    bus_ = bus;
+    busThread_ = std::this_thread::get_id();
+
+    if (!description_.empty())
+        sd_bus_set_description(bus_, description_.c_str());  // cosmetic only
+    r = sd_bus_attach_event(bus_, loop_, SD_EVENT_PRIORITY_NORMAL);
+    if (r >= 0) {
+        try {
+            queue_ = std::make_shared<EventLoop::LoopQueue>(sd_bus_get_event(bus_));
+        } catch (const std::exception& e) {
+            Logging::Log(LOG_ERR, "%s: cannot hand work to the bus thread: %s", serviceName_.c_str(),
+                         e.what());
+            r = -ENOMEM;
+        }
+    }
+    if (r >= 0 && addObjectManager_)
+        r = sd_bus_add_object_manager(bus_, &objectManager_, objectPath_.c_str());
+    // last: once the name is ours, callers may arrive
+    if (r >= 0)
+        r = sd_bus_request_name(bus_, serviceName_.c_str(), 0);
+    if (r < 0) {
+        Release();
+        return r;
+    }
+    return 0;
+}
+
+int DbusServer::AddObject(std::shared_ptr<DbusObject> object) {
+    if (object == nullptr)
+        return -EINVAL;
+    if (bus_ == nullptr)
+        return -ENOTCONN;
+    const int r = object->Attach(bus_, busThread_, queue_);
+    if (r < 0)
+        return r;
+    objects_.push_back(std::move(object));
+    return r;
+}
+
+void DbusServer::RunOnBusThread(std::function<void()> task) {
+    if (queue_ == nullptr || std::this_thread::get_id() == busThread_) {
+        task();
+        return;
+    }
+    queue_->Post(std::move(task));
+}
+
+void DbusServer::Release() {
+    for (auto& object : objects_)
+        object->Detach();
+    objects_.clear();
+    if (objectManager_ != nullptr)
+        objectManager_ = sd_bus_slot_unref(objectManager_);
+    queue_.reset();
+    if (bus_ != nullptr) {
+        sd_bus_detach_event(bus_);
+        bus_ = sd_bus_flush_close_unref(bus_);
+    }
+}
+
+}  // namespace DbusHelper

@@ -1,0 +1,76 @@
+#pragma once
+// A D-Bus service: one bus connection that owns one well-known name, dispatches on an sd-event loop and
+// serves DbusHelper::DbusObject interfaces.
+//
+// Constructor arguments:
+//   serviceName       the well-known name requested by Start() (no queueing: a name owned elsewhere fails)
+//   objectPath        the service's root object; used for the object manager below
+//   description       the connection's description (sd_bus_set_description), shown in sd-bus debug logs
+//   systemBus         true: the system bus; false: the user bus, where this unit's services and their
+//                     clients live
+//   addObjectManager  true: Start() also installs org.freedesktop.DBus.ObjectManager on objectPath;
+//                     false: the caller installs its own (sd_bus_add_object_manager on Bus())
+//   loop              the sd-event loop that dispatches the bus (null: the calling thread's default loop)
+// Nothing touches the bus before Start(). Start(), AddObject() and destruction happen on the loop's thread.
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "dbus_helper/DbusObject.h"
+
+namespace EventLoop {
+class LoopQueue;
+}
+
+namespace DbusHelper {
+
+class DbusServer {
+  public:
+    DbusServer(std::string serviceName, std::string objectPath, std::string description, bool systemBus,
+               bool addObjectManager, sd_event* loop);
+    virtual ~DbusServer();
+    DbusServer(const DbusServer&) = delete;
+    DbusServer& operator=(const DbusServer&) = delete;
+
+    // Opens the bus, attaches it to the loop and requests the name. 0, or a negative errno (the bus is then
+    // released again, and Start() may be retried). -EALREADY when already started.
+    int Start();
+
+    // Registers the object's member table on its path and interface, with the object as user data; the
+    // server keeps the object alive. The sd-bus result, -ENOTCONN before Start(), -EALREADY for an object
+    // that is registered already, -EINVAL for a table without start or end entry.
+    int AddObject(std::shared_ptr<DbusObject> object);
+
+    // Null before Start().
+    sd_bus* Bus() const { return bus_; }
+    bool IsStarted() const { return bus_ != nullptr; }
+    const std::string& ServiceName() const { return serviceName_; }
+    const std::string& ObjectPath() const { return objectPath_; }
+
+    // As DbusObject::OnBusThread: now on the loop thread (or before Start()), otherwise handed to it.
+    void RunOnBusThread(std::function<void()> task);
+
+  private:
+    void Release();
+
+    std::string serviceName_;
+    std::string objectPath_;
+    std::string description_;
+    bool systemBus_;
+    bool addObjectManager_;
+    sd_event* loop_;
+
+    sd_bus* bus_ = nullptr;
+    sd_bus_slot* objectManager_ = nullptr;
+    std::thread::id busThread_;
+    std::shared_ptr<EventLoop::LoopQueue> queue_;
+    std::vector<std::shared_ptr<DbusObject>> objects_;
+};
+
+}  // namespace DbusHelper

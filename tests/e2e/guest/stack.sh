@@ -1,0 +1,137 @@
+# Sourced inside the guest. The real Bluetooth stack and the bookkeeping of the scenarios:
+#   stack_up      modules, system bus, btmon, two emulated controllers, bluetoothd, adapters powered;
+#                 sets HCI0_ADDR (the unit's adapter) and HCI1_ADDR (the peers' adapter)
+#   stack_down    stops what stack_up started
+#   step NAME PASS|FAIL|SKIP [detail]   one verdict line in $OUT/steps.txt
+#   took NAME T0                         one timing line there
+#   note NAME TEXT                       one observation there
+OUT=/tmp/qb-e2e
+PEERS=$QB_E2E_PEERS_DIR
+STEPS=$OUT/steps.txt
+PY=/usr/bin/python3
+export PYTHONUNBUFFERED=1 PYTHONDONTWRITEBYTECODE=1
+FAILED=0
+
+uptime_s() { cut -d' ' -f1 /proc/uptime; }
+since() { awk -v a="$1" -v b="$(uptime_s)" 'BEGIN { printf "%.2f", b - a }'; }
+
+step() {
+  echo "[$(uptime_s)s] $1: $2${3:+ $3}" | tee -a "$STEPS"
+  [ "$2" = PASS ] || [ "$2" = SKIP ] || FAILED=1
+}
+
+# took NAME T0: how long NAME ran since the uptime T0
+took() { echo "[$(uptime_s)s] $1: took $(since "$2")s" | tee -a "$STEPS"; }
+
+# note NAME TEXT...: an observation without a verdict
+note() { local name=$1; shift; echo "[$(uptime_s)s] $name: $*" | tee -a "$STEPS"; }
+
+# peer NAME ARGS...: runs a peer program, its output in $OUT/NAME.log; status of the program
+peer() {
+  local name=$1; shift
+  (cd "$PEERS" && $PY "$@") >"$OUT/$name.log" 2>&1
+}
+
+# result_of LOG: the JSON of the RESULT line a peer printed
+result_of() { sed -n 's/^RESULT //p' "$1" | tail -n 1; }
+
+# wait_for_line FILE PATTERN SECONDS: true once FILE holds a line matching PATTERN
+wait_for_line() {
+  local file=$1 pattern=$2 deadline=$(( $(date +%s) + $3 ))
+  until grep -q -- "$pattern" "$file" 2>/dev/null; do
+    [ "$(date +%s)" -lt "$deadline" ] || return 1
+    sleep 0.1
+  done
+}
+
+controllers_state() {
+  local hci
+  for hci in hci0 hci1; do
+    printf '%s=%s ' "$hci" "$(timeout 2 hciconfig "$hci" 2>/dev/null | awk '/BD Address/ { print $3 }')"
+  done
+}
+controllers_ready() {
+  local hci address
+  for hci in hci0 hci1; do
+    address=$(timeout 2 hciconfig "$hci" 2>/dev/null | awk '/BD Address/ { print $3 }')
+    [ -n "$address" ] && [ "$address" != 00:00:00:00:00:00 ] || return 1
+  done
+}
+
+# On a busy host the emulator sometimes reads the kernel's first command (Reset) where it expects
+# the answer to its own device request: the kernel then waits for a Reset that nobody answers, and
+# the controller stays without address. Such a start is detected and retried.
+start_controllers() {
+  local i
+  nice -n -10 btvirt -L -l2 >>"$OUT/btvirt.log" 2>&1 &
+  BTVIRT_PID=$!
+  local deadline=$(($(date +%s) + 8))
+  while [ "$(date +%s)" -lt "$deadline" ]; do
+    controllers_ready && return 0
+    sleep 0.1
+  done
+  # what the kernel is blocked on, for the logs
+  echo w >/proc/sysrq-trigger
+  return 1
+}
+
+stack_up() {
+  local t0
+  t0=$(uptime_s)
+  # the initramfs loaded them; the kernel helper of stage2.sh knows where the rest are
+  [ -c /dev/vhci ] || { /run/modprobe bluetooth && /run/modprobe hci_vhci; }
+  if [ -c /dev/vhci ]; then step stack.modules PASS "(bluetooth, hci_vhci)"; else step stack.modules FAIL; return 1; fi
+
+  mkdir -p /run/dbus
+  dbus-daemon --system --fork --print-pid >"$OUT/dbus.pid" 2>"$OUT/dbus.log"
+  local i
+  for i in $(seq 50); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.1; done
+  if [ -S /run/dbus/system_bus_socket ]; then step stack.dbus PASS; else step stack.dbus FAIL; return 1; fi
+
+  # the whole HCI and mgmt traffic of both controllers, kept when the tier fails
+  stdbuf -oL btmon -T >"$OUT/btmon.txt" 2>&1 &
+  BTMON_PID=$!
+  sleep 0.3
+
+  # -L: controllers with the 4.x LE command set. With 5.x controllers the kernel scans with extended
+  # scanning, and the emulator never reports legacy advertising (which is what hcitool sends) to it.
+  local attempt
+  for attempt in 1 2 3; do
+    start_controllers && break
+    echo "stack: controllers not initialised (attempt $attempt): $(controllers_state)"
+    dmesg >"$OUT/dmesg-attempt$attempt.txt" 2>&1
+    kill "$BTVIRT_PID" 2>/dev/null
+    wait "$BTVIRT_PID" 2>/dev/null
+    # the kernel lets go of a stuck controller only when its Reset has timed out
+    for i in $(seq 200); do [ -e /sys/class/bluetooth/hci0 ] || [ -e /sys/class/bluetooth/hci1 ] || break; sleep 0.1; done
+  done
+  if [ "$attempt" = 3 ] && ! controllers_ready; then
+    step stack.controllers FAIL "($(controllers_state))"
+    return 1
+  fi
+  step stack.controllers PASS "(attempt $attempt: $(controllers_state))"
+
+  /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd.log" 2>&1 &
+  BLUETOOTHD_PID=$!
+  if peer wait_adapters wait_adapters.py hci0 hci1; then
+    step stack.bluetoothd PASS "$(result_of "$OUT/wait_adapters.log")"
+  else
+    step stack.bluetoothd FAIL "($(tail -n 2 "$OUT/wait_adapters.log" | tr '\n' ' '))"
+    return 1
+  fi
+  HCI0_ADDR=$(hciconfig hci0 | awk '/BD Address/ { print $3 }')
+  HCI1_ADDR=$(hciconfig hci1 | awk '/BD Address/ { print $3 }')
+  export HCI0_ADDR HCI1_ADDR
+  { hciconfig -a; btmgmt info; } >"$OUT/controllers.txt" 2>&1
+  echo "stack: up in $(since "$t0")s: hci0=$HCI0_ADDR hci1=$HCI1_ADDR"
+}
+
+stack_down() {
+  dmesg >"$OUT/dmesg.txt" 2>&1
+  lsmod >"$OUT/lsmod.txt" 2>&1
+  [ -n "${BLUETOOTHD_PID:-}" ] && kill "$BLUETOOTHD_PID" 2>/dev/null && sleep 0.3
+  [ -n "${BTVIRT_PID:-}" ] && kill "$BTVIRT_PID" 2>/dev/null && sleep 0.2
+  [ -n "${BTMON_PID:-}" ] && kill "$BTMON_PID" 2>/dev/null
+  [ -s "$OUT/dbus.pid" ] && kill "$(cat "$OUT/dbus.pid")" 2>/dev/null
+  return 0
+}

@@ -1,0 +1,281 @@
+#include <gtest/gtest.h>
+
+#include <any>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "BusPair.h"
+#include "dbus_helper/SdbusUtils.h"
+
+using DbusHelperTest::MessageFactory;
+using sdbus_utils::TypedPropertyMap;
+
+namespace {
+
+// Appends one dictionary entry {key: variant(signature, value appended by fill)}.
+void Entry(sd_bus_message* m, const char* key, const char* signature,
+           const std::function<void(sd_bus_message*)>& fill) {
+    ASSERT_GE(sd_bus_message_open_container(m, 'e', "sv"), 0);
+    ASSERT_GE(sd_bus_message_append_basic(m, 's', key), 0);
+    ASSERT_GE(sd_bus_message_open_container(m, 'v', signature), 0);
+    fill(m);
+    ASSERT_GE(sd_bus_message_close_container(m), 0);
+    ASSERT_GE(sd_bus_message_close_container(m), 0);
+}
+
+template <typename T>
+T Get(const TypedPropertyMap& map, const std::string& key, const std::string& signature) {
+    const auto it = map.find(key);
+    if (it == map.end())
+        throw std::runtime_error("missing " + key);
+    EXPECT_EQ(it->second.first, signature) << key;
+    return std::any_cast<T>(it->second.second);
+}
+
+// A PropertiesChanged-shaped body: interface name, then the a{sv} built by `entries`.
+sd_bus_message* Changed(MessageFactory& factory, const std::function<void(sd_bus_message*)>& entries) {
+    return factory.Signal([&](sd_bus_message* m) {
+        ASSERT_GE(sd_bus_message_append(m, "s", "org.example.Iface"), 0);
+        ASSERT_GE(sd_bus_message_open_container(m, 'a', "{sv}"), 0);
+        entries(m);
+        ASSERT_GE(sd_bus_message_close_container(m), 0);
+        ASSERT_GE(sd_bus_message_append(m, "as", 0), 0);
+    });
+}
+
+}  // namespace
+
+TEST(ParsePropertiesWithType, EveryScalarTypeKeepsItsSignatureAndValue) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "S", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "text é"); });
+        Entry(m, "B", "b", [](sd_bus_message* m) { sd_bus_message_append(m, "b", 1); });
+        Entry(m, "U", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", UINT32_C(4000000000)); });
+        Entry(m, "I", "i", [](sd_bus_message* m) { sd_bus_message_append(m, "i", INT32_C(-7)); });
+        Entry(m, "N", "n", [](sd_bus_message* m) { sd_bus_message_append(m, "n", int16_t{-300}); });
+        Entry(m, "Q", "q", [](sd_bus_message* m) { sd_bus_message_append(m, "q", uint16_t{65000}); });
+        Entry(m, "T", "t",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "t", std::numeric_limits<uint64_t>::max()); });
+        Entry(m, "X", "x",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "x", std::numeric_limits<int64_t>::min()); });
+        Entry(m, "D", "d", [](sd_bus_message* m) { sd_bus_message_append(m, "d", 2.5); });
+        Entry(m, "Y", "y", [](sd_bus_message* m) { sd_bus_message_append(m, "y", uint8_t{0xFE}); });
+        Entry(m, "O", "o", [](sd_bus_message* m) { sd_bus_message_append(m, "o", "/com/quorbel/x"); });
+        Entry(m, "G", "g", [](sd_bus_message* m) { sd_bus_message_append(m, "g", "a{sv}"); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+
+    TypedPropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.size(), 12u);
+    EXPECT_EQ(Get<std::string>(map, "S", "s"), "text é");
+    EXPECT_EQ(Get<bool>(map, "B", "b"), true);
+    EXPECT_EQ(Get<uint32_t>(map, "U", "u"), 4000000000u);
+    EXPECT_EQ(Get<int32_t>(map, "I", "i"), -7);
+    EXPECT_EQ(Get<int16_t>(map, "N", "n"), -300);
+    EXPECT_EQ(Get<uint16_t>(map, "Q", "q"), 65000);
+    EXPECT_EQ(Get<uint64_t>(map, "T", "t"), std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(Get<int64_t>(map, "X", "x"), std::numeric_limits<int64_t>::min());
+    EXPECT_DOUBLE_EQ(Get<double>(map, "D", "d"), 2.5);
+    EXPECT_EQ(Get<uint8_t>(map, "Y", "y"), 0xFE);
+    EXPECT_EQ(Get<std::string>(map, "O", "o"), "/com/quorbel/x");
+    EXPECT_EQ(Get<std::string>(map, "G", "g"), "a{sv}");
+    // the reader stands after the dictionary: the invalidated list follows
+    EXPECT_GE(sd_bus_message_skip(m, "as"), 0);
+    sd_bus_message_unref(m);
+}
+
+TEST(ParsePropertiesWithType, ArraysBecomeVectorsOfTheElementType) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "BatteryVoltages", "ai",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "ai", 2, 16900, -1); });
+        Entry(m, "BatteryTypes", "au", [](sd_bus_message* m) { sd_bus_message_append(m, "au", 1, 4u); });
+        Entry(m, "Frequencies", "as",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "as", 2, "2.4", "5.0"); });
+        Entry(m, "Raw", "ay", [](sd_bus_message* m) {
+            const uint8_t bytes[] = {0x00, 0x80, 0xFF};
+            sd_bus_message_append_array(m, 'y', bytes, sizeof bytes);
+        });
+        Entry(m, "Empty", "ai", [](sd_bus_message* m) { sd_bus_message_append(m, "ai", 0); });
+        Entry(m, "Flags", "ab", [](sd_bus_message* m) { sd_bus_message_append(m, "ab", 3, 1, 0, 1); });
+        Entry(m, "AccessPoints", "a(siib)", [](sd_bus_message* m) {
+            sd_bus_message_append(m, "a(siib)", 2, "unit-ap", 6, -40, 1, "neighbour", 11, -71, 0);
+        });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+
+    TypedPropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(Get<std::vector<int32_t>>(map, "BatteryVoltages", "ai"), (std::vector<int32_t>{16900, -1}));
+    EXPECT_EQ(Get<std::vector<uint32_t>>(map, "BatteryTypes", "au"), (std::vector<uint32_t>{4}));
+    EXPECT_EQ(Get<std::vector<std::string>>(map, "Frequencies", "as"),
+              (std::vector<std::string>{"2.4", "5.0"}));
+    EXPECT_EQ(Get<std::vector<uint8_t>>(map, "Raw", "ay"), (std::vector<uint8_t>{0x00, 0x80, 0xFF}));
+    EXPECT_TRUE(Get<std::vector<int32_t>>(map, "Empty", "ai").empty());
+    EXPECT_EQ(Get<std::vector<bool>>(map, "Flags", "ab"), (std::vector<bool>{true, false, true}));
+    using AP = std::tuple<std::string, int32_t, int32_t, bool>;
+    EXPECT_EQ(Get<std::vector<AP>>(map, "AccessPoints", "a(siib)"),
+              (std::vector<AP>{AP{"unit-ap", 6, -40, true}, AP{"neighbour", 11, -71, false}}));
+    sd_bus_message_unref(m);
+}
+
+TEST(ParsePropertiesWithType, UnsupportedTypesAreSkippedAndTheRestIsKept) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "Before", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); });
+        Entry(m, "Dict", "a{sv}",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "a{sv}", 1, "k", "i", 5); });
+        Entry(m, "Struct", "(ii)", [](sd_bus_message* m) { sd_bus_message_append(m, "(ii)", 1, 2); });
+        Entry(m, "Nested", "v", [](sd_bus_message* m) { sd_bus_message_append(m, "v", "s", "inner"); });
+        Entry(m, "Icons", "(sassas)",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "(sassas)", "x", 1, "a", "y", 1, "b"); });
+        Entry(m, "OtherStructs", "a(ss)",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "a(ss)", 1, "a", "b"); });
+        Entry(m, "After", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "still here"); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+
+    TypedPropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.size(), 2u);
+    EXPECT_EQ(Get<uint32_t>(map, "Before", "u"), 1u);
+    EXPECT_EQ(Get<std::string>(map, "After", "s"), "still here");
+    EXPECT_EQ(map.count("Dict") + map.count("Struct") + map.count("Nested") + map.count("Icons") +
+                  map.count("OtherStructs"),
+              0u);
+    EXPECT_GE(sd_bus_message_skip(m, "as"), 0);  // the reader is still in step
+    sd_bus_message_unref(m);
+}
+
+TEST(ParsePropertiesWithType, EntriesAreAddedToWhatTheMapHolds) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "powered", "b", [](sd_bus_message* m) { sd_bus_message_append(m, "b", 0); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    TypedPropertyMap map;
+    map["powered"] = {"b", true};
+    map["advertSchema"] = {"u", uint32_t{4}};
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.size(), 2u);
+    EXPECT_FALSE(Get<bool>(map, "powered", "b"));
+    EXPECT_EQ(Get<uint32_t>(map, "advertSchema", "u"), 4u);
+    sd_bus_message_unref(m);
+}
+
+TEST(ParsePropertiesWithType, EmptyDictionaryGivesNoEntries) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message*) {});
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    TypedPropertyMap map;
+    EXPECT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_TRUE(map.empty());
+    sd_bus_message_unref(m);
+}
+
+TEST(ParsePropertiesWithType, SomethingElseThanADictionaryIsAnErrorAndChangesNothing) {
+    MessageFactory factory;
+    sd_bus_message* m =
+        factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "ss", "iface", "x"); });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    TypedPropertyMap map;
+    map["kept"] = {"i", int32_t{1}};
+    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.size(), 1u);
+    sd_bus_message_unref(m);
+
+    // at the end of the body
+    sd_bus_message* empty = factory.Signal([](sd_bus_message*) {});
+    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(empty, map), 0);
+    sd_bus_message_unref(empty);
+    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(nullptr, map), 0);
+}
+
+TEST(ParseProperties, UntypedMapHoldsTheSameValues) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "IPAddress", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "10.0.0.5"); });
+        Entry(m, "ActivePowerSource", "i", [](sd_bus_message* m) { sd_bus_message_append(m, "i", 2); });
+        Entry(m, "Skipped", "a{ss}", [](sd_bus_message* m) { sd_bus_message_append(m, "a{ss}", 0); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    sdbus_utils::PropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParseProperties(m, map), 0);
+    ASSERT_EQ(map.size(), 2u);
+    EXPECT_EQ(std::any_cast<std::string>(map.at("IPAddress")), "10.0.0.5");
+    EXPECT_EQ(std::any_cast<int32_t>(map.at("ActivePowerSource")), 2);
+    sd_bus_message_unref(m);
+}
+
+// --------------------------------------------------------------------------------------------------------
+// The codecs behind GetProperty/SetProperty: what is appended reads back the same.
+
+template <typename T>
+T RoundTrip(const T& value) {
+    MessageFactory factory;
+    sd_bus_message* m =
+        factory.Signal([&](sd_bus_message* m) { EXPECT_GE(sdbus_utils::Codec<T>::Append(m, value), 0); });
+    char type = 0;
+    const char* contents = nullptr;
+    EXPECT_GT(sd_bus_message_peek_type(m, &type, &contents), 0);
+    T out{};
+    EXPECT_EQ(sdbus_utils::Codec<T>::Read(m, out), 0);
+    sd_bus_message_unref(m);
+    return out;
+}
+
+TEST(Codec, SignaturesFollowTheCppTypes) {
+    EXPECT_EQ(sdbus_utils::Codec<bool>::Signature(), "b");
+    EXPECT_EQ(sdbus_utils::Codec<unsigned int>::Signature(), "u");
+    EXPECT_EQ(sdbus_utils::Codec<int>::Signature(), "i");
+    EXPECT_EQ(sdbus_utils::Codec<uint64_t>::Signature(), "t");
+    EXPECT_EQ(sdbus_utils::Codec<int64_t>::Signature(), "x");
+    EXPECT_EQ(sdbus_utils::Codec<std::vector<std::string>>::Signature(), "as");
+    EXPECT_EQ(sdbus_utils::Codec<std::vector<sdbus_utils::AccessPointTuple>>::Signature(), "a(siib)");
+    EXPECT_EQ((sdbus_utils::Codec<std::tuple<std::string, std::vector<std::string>, std::string,
+                                             std::vector<std::string>>>::Signature()),
+              "(sassas)");
+}
+
+TEST(Codec, ValuesReadBackAsAppended) {
+    EXPECT_EQ(RoundTrip<bool>(true), true);
+    EXPECT_EQ(RoundTrip<uint32_t>(0xFFFFFFFFu), 0xFFFFFFFFu);
+    EXPECT_EQ(RoundTrip<int64_t>(std::numeric_limits<int64_t>::min()), std::numeric_limits<int64_t>::min());
+    EXPECT_EQ(RoundTrip<uint64_t>(std::numeric_limits<uint64_t>::max()),
+              std::numeric_limits<uint64_t>::max());
+    EXPECT_EQ(RoundTrip<std::string>("ssid with spaces"), "ssid with spaces");
+    EXPECT_EQ(RoundTrip<std::vector<bool>>({true, false}), (std::vector<bool>{true, false}));
+    using Icons = std::tuple<std::string, std::vector<std::string>, std::string, std::vector<std::string>>;
+    const Icons icons{"battery", {"a", "b"}, "remote", {}};
+    EXPECT_EQ(RoundTrip<Icons>(icons), icons);
+    const std::vector<sdbus_utils::AccessPointTuple> aps{{"ap", 1, -2, true}};
+    EXPECT_EQ(RoundTrip(aps), aps);
+}
+
+TEST(Codec, AMismatchedTypeIsAnErrorAndLeavesTheValue) {
+    MessageFactory factory;
+    sd_bus_message* m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "i", 5); });
+    std::string text = "unchanged";
+    EXPECT_LT(sdbus_utils::Codec<std::string>::Read(m, text), 0);
+    EXPECT_EQ(text, "unchanged");
+    uint32_t u = 9;
+    EXPECT_LT(sdbus_utils::Codec<uint32_t>::Read(m, u), 0);
+    EXPECT_EQ(u, 9u);
+    std::vector<int32_t> v{1};
+    EXPECT_LT(sdbus_utils::Codec<std::vector<int32_t>>::Read(m, v), 0);
+    EXPECT_EQ(v, (std::vector<int32_t>{1}));
+    sd_bus_message_unref(m);
+}
+
+TEST(ErrorText, PrefersTheDbusMessageThenTheErrno) {
+    sd_bus_error e = SD_BUS_ERROR_NULL;
+    EXPECT_EQ(sdbus_utils::ErrorText(&e, -ENOENT), "No such file or directory");
+    sd_bus_error_set(&e, "org.example.Error.Nope", "nope, not here");
+    EXPECT_EQ(sdbus_utils::ErrorText(&e, -EIO), "nope, not here");
+    sd_bus_error_free(&e);
+    EXPECT_EQ(sdbus_utils::ErrorText(nullptr, -ECONNREFUSED), "Connection refused");
+}
