@@ -22,23 +22,30 @@ void ExitLoopOnTermination(sd_event* loop) {
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
-    if (pthread_sigmask(SIG_BLOCK, &mask, nullptr) != 0) return;
-    sd_event_add_signal(loop, nullptr, SIGTERM, nullptr, nullptr);
-    sd_event_add_signal(loop, nullptr, SIGINT, nullptr, nullptr);
+    if (pthread_sigmask(SIG_BLOCK, &mask, nullptr) != 0)
+        return;
+    // a signal the loop cannot take must keep its default action, not stay blocked for ever
+    if (sd_event_add_signal(loop, nullptr, SIGTERM, nullptr, nullptr) < 0 ||
+        sd_event_add_signal(loop, nullptr, SIGINT, nullptr, nullptr) < 0)
+        pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
 }
 }  // namespace
 
-sd_event* EventLoop() { return g_loop; }
+sd_event* EventLoop() {
+    return g_loop;
+}
 
 uint64_t StartTime(sd_event* loop, bool servicesRestarted) {
-    if (!servicesRestarted) return 0;
+    if (!servicesRestarted)
+        return 0;
     uint64_t now = 0;
     sd_event_now(loop, CLOCK_MONOTONIC, &now);
     return now + kRestartGraceUsec;
 }
 
 int RunLoop(sd_event* loop) {
-    if (sd_event_loop(loop) < 0) Logging::Log(LOG_INFO, "Failed to start main event loop");
+    if (sd_event_loop(loop) < 0)
+        Logging::Log(LOG_INFO, "Failed to start main event loop");
     return 0;
 }
 
@@ -59,7 +66,8 @@ int Main() {
     // floating source, owned by the loop; its result is deliberately not checked
     sd_event_add_time(g_loop, nullptr, CLOCK_MONOTONIC, StartTime(g_loop, restarted), 0, BluetoothDaemonStart,
                       nullptr);
-    if (r < 0) return 0;
+    if (r < 0)
+        return 0;
     ExitLoopOnTermination(g_loop);
     return RunLoop(g_loop);
 }

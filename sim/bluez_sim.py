@@ -58,7 +58,9 @@ Control API, interface org.bluez.Mock on "/":
   GetCameraWrites(o device) -> aay         everything written to the camera's command characteristic
   SetMethodBehaviour(o path, s method, a{sv} behaviour)
       For any simulated BlueZ method of that object (also "Set" for Properties.Set): 'delay_ms' (u),
-      'error' (s, D-Bus error name), 'message' (s), 'count' (i: calls that get the error, -1 forever).
+      'error' (s, D-Bus error name), 'message' (s), 'count' (i: calls that get the error, -1 forever);
+      for a device's Connect also 'quiet' (b): Connected turns true without PropertiesChanged, as real
+      bluetoothd does when the ATT link came up before the kernel's connection event.
       An empty dictionary restores the normal behaviour.
 
 dbusmock's own org.freedesktop.DBus.Mock API (GetCalls, GetMethodCalls, ClearCalls, ...) works on every
@@ -380,7 +382,11 @@ def _device(path):
 def _connect(dev, _sender=None):
     if dev.props[DEVICE_IFACE]['Connected']:
         raise _err('org.bluez.Error.AlreadyConnected', 'Already Connected')
-    _store(dev, DEVICE_IFACE, {'Connected': dbus.Boolean(True)})
+    if getattr(dev, 'behaviour', {}).get('Connect', {}).get('quiet'):
+        # as bluetoothd does when the ATT link is up before the kernel reports the connection
+        dev.props[DEVICE_IFACE]['Connected'] = dbus.Boolean(True)
+    else:
+        _store(dev, DEVICE_IFACE, {'Connected': dbus.Boolean(True)})
     _later(_params.get('resolve_delay_ms', 20), _resolve_services, dev.path)
 
 

@@ -18,7 +18,9 @@ void SleepOneSecond() {
 }
 }  // namespace
 
-WatchdogHooks SystemWatchdogHooks() { return {InterfaceExists, RestartServiceUnit, SleepOneSecond}; }
+WatchdogHooks SystemWatchdogHooks() {
+    return {InterfaceExists, RestartServiceUnit, SleepOneSecond};
+}
 
 bool InterfaceExists(int index) {
     const std::string path = kHciPathPrefix + std::to_string(index);
@@ -28,7 +30,8 @@ bool InterfaceExists(int index) {
 
 bool WaitForInterface(int index, const WatchdogHooks& hooks) {
     for (int i = 0; i < kWaitChecks; ++i) {
-        if (hooks.interfaceExists(index)) break;
+        if (hooks.interfaceExists(index))
+            break;
         Logging::Log(LOG_ERR, "Waiting for HCI%d interface...", index);
         hooks.sleepOneSecond();
     }

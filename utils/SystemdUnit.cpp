@@ -17,13 +17,14 @@ constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
 
 // One method call with a single "s" argument and a single "o" result, on a connection of its own.
 struct CallResult {
-    int callStatus = 0;    // sd_bus_call_method, or the open that preceded it
-    int readStatus = 0;    // sd_bus_message_read of the reply; 0 when there was no reply
+    int callStatus = 0;  // sd_bus_call_method, or the open that preceded it
+    int readStatus = 0;  // sd_bus_message_read of the reply; 0 when there was no reply
     std::string errorText;
     std::string objectPath;
 };
 
-CallResult CallReturningPath(const char* path, const char* interface, const char* member, const char* argument) {
+CallResult CallReturningPath(const char* path, const char* interface, const char* member,
+                             const char* argument) {
     CallResult result;
     sd_bus* bus = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
@@ -40,7 +41,8 @@ CallResult CallReturningPath(const char* path, const char* interface, const char
         } else {
             const char* object = nullptr;
             result.readStatus = sd_bus_message_read(reply, "o", &object);
-            if (result.readStatus > 0) result.objectPath = object;
+            if (result.readStatus > 0)
+                result.objectPath = object;
         }
     }
     sd_bus_error_free(&error);
@@ -54,23 +56,22 @@ CallResult CallReturningPath(const char* path, const char* interface, const char
 bool RestartServiceUnit(const std::string& unitName) {
     const CallResult load = CallReturningPath(kManagerPath, kManagerInterface, "LoadUnit", unitName.c_str());
     if (load.callStatus < 0) {
-        Logging::Log(LOG_ERR, "[Utils] Failed to load unit name of '%s' service. %s (r = %d)", unitName.c_str(),
-                     load.errorText.c_str(), load.callStatus);
-        // without a unit path there is nothing to restart
-        return false;
+        Logging::Log(LOG_ERR, "[Utils] Failed to load unit name of '%s' service. %s (r = %d)",
+                     unitName.c_str(), load.errorText.c_str(), load.callStatus);
     }
     if (load.readStatus <= 0) {
+        // a failed call leaves no reply to read either; without a unit path there is nothing to restart
         Logging::Log(LOG_ERR, "%s: Failed to read response", "LoadServiceUnit");
         return false;
     }
     Logging::Log(LOG_INFO, "[Utils] Got unit name '%s' for the service '%s'", load.objectPath.c_str(),
                  unitName.c_str());
 
-    const CallResult restart = CallReturningPath(load.objectPath.c_str(), kUnitInterface, "Restart", "replace");
+    const CallResult restart =
+        CallReturningPath(load.objectPath.c_str(), kUnitInterface, "Restart", "replace");
     if (restart.callStatus < 0) {
         Logging::Log(LOG_ERR, "[Utils] Failed to start '%s' unit. %s (r = %d)", load.objectPath.c_str(),
                      restart.errorText.c_str(), restart.callStatus);
-        return false;
     }
     if (restart.readStatus <= 0) {
         Logging::Log(LOG_ERR, "%s: Failed to read response", "RestartServiceUnit");

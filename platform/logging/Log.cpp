@@ -42,7 +42,8 @@ bool EchoToStderr() {
 }
 
 const char* PriorityName(int priority) {
-    static const char* const names[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
+    static const char* const names[] = {"emerg",   "alert",  "crit", "err",
+                                        "warning", "notice", "info", "debug"};
     const int p = LOG_PRI(priority);
     return (p >= 0 && p < 8) ? names[p] : "log";
 }
@@ -51,10 +52,13 @@ const char* PriorityName(int priority) {
 
 void Record(int priority, const std::string& text) {
     std::lock_guard<std::mutex> lock(CapturesMutex());
-    for (Capture* c : Captures()) c->Add(priority, text);
+    for (Capture* c : Captures())
+        c->Add(priority, text);
 }
 
-void SetStderrEcho(bool enabled) { g_echo.store(enabled ? 1 : 0, std::memory_order_relaxed); }
+void SetStderrEcho(bool enabled) {
+    g_echo.store(enabled ? 1 : 0, std::memory_order_relaxed);
+}
 
 void VLog(int priority, const char* format, va_list args) {
     char small[512];
@@ -77,7 +81,8 @@ void VLog(int priority, const char* format, va_list args) {
     if (EchoToStderr()) {
         // one write per line keeps lines from several threads whole
         std::string echo = std::string(PriorityName(priority)) + ": " + text;
-        while (!echo.empty() && echo.back() == '\n') echo.pop_back();
+        while (!echo.empty() && echo.back() == '\n')
+            echo.pop_back();
         echo.push_back('\n');
         std::fwrite(echo.data(), 1, echo.size(), stderr);
     }
@@ -117,22 +122,23 @@ std::vector<Line> Capture::Lines() const {
 
 std::vector<std::string> Capture::Texts() const {
     std::vector<std::string> out;
-    for (const auto& l : Lines()) out.push_back(l.text);
+    for (const auto& l : Lines())
+        out.push_back(l.text);
     return out;
 }
 
 std::size_t Capture::Count(const std::string& text, int priority) const {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    return static_cast<std::size_t>(std::count_if(state_->lines.begin(), state_->lines.end(), [&](const Line& l) {
-        return l.text == text && (priority < 0 || l.priority == priority);
-    }));
+    return static_cast<std::size_t>(std::count_if(
+        state_->lines.begin(), state_->lines.end(),
+        [&](const Line& l) { return l.text == text && (priority < 0 || l.priority == priority); }));
 }
 
 std::size_t Capture::CountContaining(const std::string& fragment) const {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    return static_cast<std::size_t>(std::count_if(state_->lines.begin(), state_->lines.end(), [&](const Line& l) {
-        return l.text.find(fragment) != std::string::npos;
-    }));
+    return static_cast<std::size_t>(
+        std::count_if(state_->lines.begin(), state_->lines.end(),
+                      [&](const Line& l) { return l.text.find(fragment) != std::string::npos; }));
 }
 
 void Capture::Clear() {

@@ -13,7 +13,8 @@ namespace EventLoop {
 
 LoopQueue::LoopQueue(sd_event* loop) {
     fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    if (fd_ < 0)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
     const int r = sd_event_add_io(loop, &source_, fd_, EPOLLIN, &LoopQueue::OnWake, this);
     if (r < 0) {
         close(fd_);
@@ -51,7 +52,8 @@ void LoopQueue::Drain() {
         std::lock_guard<std::mutex> lock(mutex_);
         batch.swap(tasks_);
     }
-    for (auto& task : batch) CBoundary::Call("LoopQueue task", task);
+    for (auto& task : batch)
+        CBoundary::Call("LoopQueue task", task);
 }
 
 }  // namespace EventLoop

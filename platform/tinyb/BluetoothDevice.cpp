@@ -73,13 +73,25 @@ bool BluetoothDevice::pair() {
     return true;
 }
 
+namespace {
+// The call succeeded whatever the resync does: a failed read leaves the cache to BlueZ's signals.
+void Resync(detail::Core& core, const std::string& path) {
+    try {
+        core.Refresh(path, kDevice);
+    } catch (const std::exception&) {
+    }
+}
+}  // namespace
+
 bool BluetoothDevice::connect() {
     core_->CallVoid(path_, detail::kIfaceNames[kDevice], "Connect");
+    Resync(*core_, path_);
     return true;
 }
 
 bool BluetoothDevice::disconnect() {
     core_->CallVoid(path_, detail::kIfaceNames[kDevice], "Disconnect");
+    Resync(*core_, path_);
     return true;
 }
 

@@ -61,7 +61,7 @@ Core::~Core() {
         if (OnLoopThread()) {
             thread_.detach();
         } else {
-            queue_->Post([this] { sd_event_exit(event_, 0); });
+            Post([this] { sd_event_exit(event_, 0); });
             thread_.join();
         }
     }
@@ -94,7 +94,10 @@ void Core::Run(std::promise<Failure>& started) {
 }
 
 void Core::Teardown() {
-    queue_.reset();
+    {
+        std::lock_guard<std::mutex> lock(queueMutex_);
+        queue_.reset();
+    }
     for (sd_bus_slot* slot : matches_)
         sd_bus_slot_unref(slot);
     matches_.clear();
@@ -112,7 +115,10 @@ void Core::Setup() {
     r = sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         throw BluetoothException("cannot attach the system bus: " + ErrnoText(r));
-    queue_ = std::make_unique<EventLoop::LoopQueue>(event_);
+    {
+        std::lock_guard<std::mutex> lock(queueMutex_);
+        queue_ = std::make_unique<EventLoop::LoopQueue>(event_);
+    }
 
     // Matches first, so that nothing BlueZ changes after its object list is missed.
     AddMatches();
@@ -444,7 +450,16 @@ void Core::Submit(Request request) {
         return;
     }
     auto shared = std::make_shared<Request>(std::move(request));
-    queue_->Post([this, shared] { Send(*shared); });
+    if (!Post([this, shared] { Send(*shared); }))
+        shared->done(nullptr, "", "the library's event loop has ended");
+}
+
+bool Core::Post(std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(queueMutex_);
+    if (!queue_)
+        return false;
+    queue_->Post(std::move(task));
+    return true;
 }
 
 // Library thread, called from user code running there (a notification callback calling back into the
@@ -539,7 +554,7 @@ void Core::RunOnLoop(std::function<void()> task) {
     }
     auto promise = std::make_shared<std::promise<std::string>>();
     auto future = promise->get_future();
-    queue_->Post([promise, task = std::move(task)] {
+    const bool posted = Post([promise, task = std::move(task)] {
         std::string error;
         try {
             task();
@@ -550,6 +565,8 @@ void Core::RunOnLoop(std::function<void()> task) {
         }
         promise->set_value(std::move(error));
     });
+    if (!posted)
+        throw BluetoothException("the library's event loop has ended");
     const std::string error = Await(future, kCallTimeoutUsec, "hand-over to the library thread");
     if (!error.empty())
         throw BluetoothException(error);
@@ -561,6 +578,26 @@ void Core::SetBool(const std::string& path, Prop prop, bool value) {
     CallVoid(path, kProperties, "Set", [ifaceName, property, value](sd_bus_message* m) {
         return sd_bus_message_append(m, "ssv", ifaceName.c_str(), property.c_str(), "b", value ? 1 : 0);
     });
+}
+
+void Core::Refresh(const std::string& path, Iface iface) {
+    const std::string ifaceName = kIfaceNames[iface];
+    // Merged on the library thread, in order with the signals around the reply.
+    Call<bool>(
+        path, kProperties, "GetAll",
+        [ifaceName](sd_bus_message* m) { return sd_bus_message_append(m, "s", ifaceName.c_str()); },
+        [this, path, iface](sd_bus_message* reply) {
+            PropSet fresh;
+            const int r = ReadProperties(reply, iface, fresh);
+            if (r < 0)
+                throw BluetoothException("malformed GetAll reply: " + ErrnoText(r));
+            std::unique_lock<std::shared_mutex> lock(cacheMutex_);
+            auto it = index_.find(path);
+            if (it != index_.end() && ((*it->second)->mask & (1u << iface)) != 0)
+                (*it->second)->props[iface].Merge(std::move(fresh));
+            return true;
+        },
+        kCallTimeoutUsec);
 }
 
 // ---------------------------------------------------------------- discovery

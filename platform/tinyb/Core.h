@@ -132,6 +132,10 @@ class Core {
                   uint64_t timeoutUsec = kCallTimeoutUsec);
     // org.freedesktop.DBus.Properties.Set of a boolean property.
     void SetBool(const std::string& path, Prop prop, bool value);
+    // Reads one interface's properties back from BlueZ into the cache. BlueZ does not always signal a
+    // change that a call made (a link it already counted as up emits no Connected), so callers resync
+    // after such calls.
+    void Refresh(const std::string& path, Iface iface);
 
     // Runs `task` on the library thread (inline when already there) and waits for it. `task` must own
     // what it uses.
@@ -155,7 +159,8 @@ class Core {
         const char* member;
         Append append;
         uint64_t timeoutUsec;
-        // Runs exactly once on the library thread: the reply, or null and an error.
+        // Runs exactly once, on the library thread (on the caller's once that loop has ended): the reply,
+        // or null and an error.
         std::function<void(sd_bus_message*, const std::string&, const std::string&)> done;
     };
     struct Pending;
@@ -176,6 +181,8 @@ class Core {
     void Setup();
     void Teardown();
     void Submit(Request request);
+    // Hands `task` to the library thread; false when its loop has ended.
+    bool Post(std::function<void()> task);
     void Send(Request& request);
     void SendSync(Request& request);
     static int OnReply(sd_bus_message* m, void* userdata, sd_bus_error* error);
@@ -208,6 +215,8 @@ class Core {
     std::thread::id loopThreadId_;
     sd_event* event_ = nullptr;
     sd_bus* bus_ = nullptr;
+    // Guards queue_ itself: the library thread drops it when its loop ends while others may still post.
+    std::mutex queueMutex_;
     std::unique_ptr<EventLoop::LoopQueue> queue_;
     std::vector<sd_bus_slot*> matches_;
 

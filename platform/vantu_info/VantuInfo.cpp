@@ -8,7 +8,8 @@ namespace {
 
 std::string Trim(const std::string& s) {
     const auto b = s.find_first_not_of(" \t\r");
-    if (b == std::string::npos) return {};
+    if (b == std::string::npos)
+        return {};
     const auto e = s.find_last_not_of(" \t\r");
     return s.substr(b, e - b + 1);
 }
@@ -19,10 +20,13 @@ std::string ReadKey(const std::string& key) {
     std::string value;
     while (std::getline(in, line)) {
         const std::string t = Trim(line);
-        if (t.empty() || t[0] == '#') continue;
+        if (t.empty() || t[0] == '#')
+            continue;
         const auto eq = t.find('=');
-        if (eq == std::string::npos) continue;
-        if (Trim(t.substr(0, eq)) == key) value = Trim(t.substr(eq + 1));  // the last one wins
+        if (eq == std::string::npos)
+            continue;
+        if (Trim(t.substr(0, eq)) == key)
+            value = Trim(t.substr(eq + 1));  // the last one wins
     }
     return value;
 }
@@ -35,11 +39,14 @@ std::string IdentityFile() {
 }
 
 namespace ThisVantu {
-std::string SerialNumber() { return ReadKey("serial"); }
+std::string SerialNumber() {
+    return ReadKey("serial");
+}
 
 int RadioType() {
     const std::string v = ReadKey("radio_type");
-    if (v.empty()) return 0;
+    if (v.empty())
+        return 0;
     char* end = nullptr;
     const long n = std::strtol(v.c_str(), &end, 10);
     return (end != nullptr && *end == '\0') ? static_cast<int>(n) : 0;
@@ -47,7 +54,9 @@ int RadioType() {
 }  // namespace ThisVantu
 
 namespace ThisModel {
-std::string DisplayName() { return ReadKey("model"); }
+std::string DisplayName() {
+    return ReadKey("model");
+}
 }  // namespace ThisModel
 
 }  // namespace VantuInfo

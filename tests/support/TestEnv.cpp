@@ -20,20 +20,31 @@ std::string Env(const char* name) {
 }
 }  // namespace
 
-bool InHarness() { return !Env("TESTENV_DIR").empty(); }
-std::string HarnessDir() { return Env("TESTENV_DIR"); }
-std::string HciCallLog() { return Env("TESTENV_HCI_LOG"); }
-std::string SysfsBluetoothDir() { return Env("TESTENV_SYSFS_BT"); }
+bool InHarness() {
+    return !Env("TESTENV_DIR").empty();
+}
+std::string HarnessDir() {
+    return Env("TESTENV_DIR");
+}
+std::string HciCallLog() {
+    return Env("TESTENV_HCI_LOG");
+}
+std::string SysfsBluetoothDir() {
+    return Env("TESTENV_SYSFS_BT");
+}
 
 std::vector<std::string> ReadLines(const std::string& path) {
     std::vector<std::string> lines;
     std::ifstream in(path);
     std::string line;
-    while (std::getline(in, line)) lines.push_back(line);
+    while (std::getline(in, line))
+        lines.push_back(line);
     return lines;
 }
 
-void Truncate(const std::string& path) { std::ofstream(path, std::ios::trunc).close(); }
+void Truncate(const std::string& path) {
+    std::ofstream(path, std::ios::trunc).close();
+}
 
 void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream out(path, std::ios::trunc);
@@ -48,7 +59,8 @@ int CallMethod(Bus bus, const char* destination, const char* path, const char* i
                sd_bus_message** reply, const char* types, ...) {
     sd_bus* b = nullptr;
     int r = bus == Bus::System ? sd_bus_open_system(&b) : sd_bus_open_user(&b);
-    if (r < 0) return r;
+    if (r < 0)
+        return r;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     va_list ap;
     va_start(ap, types);
@@ -61,13 +73,16 @@ int CallMethod(Bus bus, const char* destination, const char* path, const char* i
 
 NotifySocket::NotifySocket(std::string path) : path_(std::move(path)) {
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) throw std::runtime_error("socket");
+    if (fd_ < 0)
+        throw std::runtime_error("socket");
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (path_.size() >= sizeof addr.sun_path) throw std::runtime_error("notify socket path too long");
+    if (path_.size() >= sizeof addr.sun_path)
+        throw std::runtime_error("notify socket path too long");
     std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
     unlink(path_.c_str());
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0) throw std::runtime_error("bind");
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0)
+        throw std::runtime_error("bind");
 }
 
 NotifySocket::~NotifySocket() {
@@ -76,32 +91,43 @@ NotifySocket::~NotifySocket() {
 }
 
 std::optional<std::string> NotifySocket::WaitFor(const std::string& line, std::chrono::milliseconds timeout) {
-    auto holds = [&](const std::string& msg) { return ("\n" + msg + "\n").find("\n" + line + "\n") != std::string::npos; };
+    auto holds = [&](const std::string& msg) {
+        return ("\n" + msg + "\n").find("\n" + line + "\n") != std::string::npos;
+    };
     for (const auto& m : seen_)
-        if (holds(m)) return m;
+        if (holds(m))
+            return m;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return std::nullopt;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
+            return std::nullopt;
         pollfd p{fd_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+        if (poll(&p, 1, static_cast<int>(left.count())) <= 0)
+            continue;
         char buf[4096];
         const ssize_t n = recv(fd_, buf, sizeof buf, 0);
-        if (n <= 0) continue;
+        if (n <= 0)
+            continue;
         seen_.emplace_back(buf, static_cast<size_t>(n));
-        if (holds(seen_.back())) return seen_.back();
+        if (holds(seen_.back()))
+            return seen_.back();
     }
 }
 
 ScopedIdentity::ScopedIdentity(const std::string& serial, const std::string& model, int radioType) {
     char tmpl[] = "/tmp/qb-identity.XXXXXX";
     const int fd = mkstemp(tmpl);
-    if (fd < 0) throw std::runtime_error("mkstemp");
+    if (fd < 0)
+        throw std::runtime_error("mkstemp");
     close(fd);
     path_ = tmpl;
-    WriteFile(path_, "serial=" + serial + "\nmodel=" + model + "\nradio_type=" + std::to_string(radioType) + "\n");
+    WriteFile(path_,
+              "serial=" + serial + "\nmodel=" + model + "\nradio_type=" + std::to_string(radioType) + "\n");
     const char* prev = std::getenv("VANTU_IDENTITY_FILE");
-    if (prev != nullptr) previous_ = prev;
+    if (prev != nullptr)
+        previous_ = prev;
     setenv("VANTU_IDENTITY_FILE", path_.c_str(), 1);
 }
 

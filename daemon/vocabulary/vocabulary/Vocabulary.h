@@ -13,7 +13,7 @@ using ActivePowerSource = int32_t;
 using RavelType = uint32_t;
 
 inline const std::map<DeviceType, std::string> DeviceTypeNames = {
-    {1, "Arbor"}, {2, "Basalt"}, {3, "Cobalt"},  {4, "Dune"},   {5, "Ember"},
+    {1, "Arbor"}, {2, "Basalt"},  {3, "Cobalt"}, {4, "Dune"},   {5, "Ember"},
     {6, "Fjord"}, {7, "KelpCam"}, {8, "Garnet"}, {9, "Harbor"},
 };
 
@@ -64,7 +64,8 @@ inline constexpr bool DefaultSystemCallDebug = false;
 
 // Name of `key` in `table`, or `fallback` when the table has no such key. Never inserts.
 template <typename Map>
-std::string NameOr(const Map& table, const typename Map::key_type& key, const std::string& fallback = "Unknown") {
+std::string NameOr(const Map& table, const typename Map::key_type& key,
+                   const std::string& fallback = "Unknown") {
     const auto it = table.find(key);
     return it == table.end() ? fallback : it->second;
 }

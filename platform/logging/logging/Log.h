@@ -25,7 +25,7 @@ struct Line {
 
 // Records every line logged while it is alive, from any thread. Captures may nest; each sees all lines.
 class Capture {
-public:
+  public:
     Capture();
     ~Capture();
     Capture(const Capture&) = delete;
@@ -40,7 +40,7 @@ public:
     std::size_t CountContaining(const std::string& fragment) const;
     void Clear();
 
-private:
+  private:
     friend void Record(int, const std::string&);
     void Add(int priority, const std::string& text);
     struct State;

@@ -12,7 +12,7 @@
 namespace EventLoop {
 
 class LoopQueue {
-public:
+  public:
     // Must be constructed on the loop's thread. Throws std::system_error when the loop refuses the source.
     explicit LoopQueue(sd_event* loop);
     ~LoopQueue();
@@ -22,7 +22,7 @@ public:
     // Any thread. Tasks run on the loop thread in the order posted; one that throws is logged and dropped.
     void Post(std::function<void()> task);
 
-private:
+  private:
     static int OnWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
     void Drain();
 

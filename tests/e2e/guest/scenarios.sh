@@ -167,6 +167,38 @@ scenario_camera() {
   took scenario.camera "$t0"
 }
 
+# adapter_property NAME: an Adapter1 property of hci0 as BlueZ itself reports it
+adapter_property() {
+  dbus-send --system --print-reply --dest=org.bluez /org/bluez/hci0 org.freedesktop.DBus.Properties.Get \
+    string:org.bluez.Adapter1 "string:$1" 2>&1 | sed -n 's/.*variant *boolean *//p'
+}
+
+# ---- the radio's switches on the real adapter --------------------------------------------------
+# Each switch of TinybRadio is turned to the other state and back; BlueZ must report each state.
+scenario_radio() {
+  local driver=${QB_E2E_DRIVER_radio:-} t0 sw orig value seen
+  if [ -z "$driver" ]; then step scenario.radio SKIP "(driver not built)"; return; fi
+  t0=$(uptime_s)
+  for sw in Pairable Discoverable Powered; do
+    orig=$(adapter_property "$sw")
+    if [ "$orig" != true ] && [ "$orig" != false ]; then
+      step "radio.$sw" FAIL "(BlueZ reports '$orig')"; continue
+    fi
+    for value in $([ "$orig" = true ] && echo "0 1" || echo "1 0"); do
+      local log=$OUT/radio-$sw-$value.log
+      timeout 30 "$driver" "$sw" "$value" >"$log" 2>&1
+      local rc=$?
+      seen=$(adapter_property "$sw")
+      if [ "$rc" = 0 ] && [ "$seen" = "$([ "$value" = 1 ] && echo true || echo false)" ]; then
+        step "radio.$sw=$value" PASS "(BlueZ: $seen) $(result_of "$log")"
+      else
+        step "radio.$sw=$value" FAIL "(exit $rc, BlueZ: $seen) $(result_of "$log") $(tail -n 3 "$log" | tr '\n' ' ')"
+      fi
+    done
+  done
+  took scenario.radio "$t0"
+}
+
 if stack_up; then
   # an ad-hoc investigation instead of the scenarios (QB_E2E_SCRIPT on the host)
   if [ -n "${QB_E2E_SCRIPT:-}" ]; then . "$QB_E2E_SCRIPT"; QB_E2E_SCENARIOS=none; fi
@@ -175,6 +207,8 @@ if stack_up; then
   wanted scan && scenario_scan
   wanted camera && scenario_camera
   camera_down
+  # last: powering the unit's adapter off and on would disturb the others
+  wanted radio && scenario_radio
 fi
 stack_down
 echo "scenarios: end at $(uptime_s)s"

@@ -207,6 +207,13 @@ void Control::ClearMethodBehaviour(const std::string& path, const std::string& m
     SendVoid(m);
 }
 
+void Control::SetQuietConnect(const std::string& device) {
+    sd_bus_message* m = NewCall("/", kMock, "SetMethodBehaviour");
+    Check(sd_bus_message_append(m, "osa{sv}", device.c_str(), "Connect", 1, "quiet", "b", 1),
+          "SetQuietConnect");
+    SendVoid(m);
+}
+
 void Control::SetCameraResponse(const std::string& device, const std::string& command,
                                 const std::string& response) {
     sd_bus_message* m = NewCall("/", kMock, "SetCameraResponse");

@@ -53,6 +53,8 @@ class Control {
     void SetMethodBehaviour(const std::string& path, const std::string& method, const std::string& error,
                             const std::string& message = "", uint32_t delayMs = 0, int32_t count = -1);
     void ClearMethodBehaviour(const std::string& path, const std::string& method);
+    // The device's Connect turns Connected true without signalling it, as real bluetoothd sometimes does.
+    void SetQuietConnect(const std::string& device);
 
     void SetCameraResponse(const std::string& device, const std::string& command,
                            const std::string& response);

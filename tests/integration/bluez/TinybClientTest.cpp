@@ -374,6 +374,20 @@ TEST_F(TinybClient, PairConnectDisconnectTrustAndRemove) {
     (void)path;
 }
 
+TEST_F(TinybClient, ConnectedIsKnownWhenConnectReturnsEvenUnsignalled) {
+    // bluetoothd leaves Connected unsignalled when the ATT link beat the kernel's connection event
+    DeviceProps props;
+    props.name = "QUIET";
+    const std::string path = sim.AddDevice("AA:00:00:00:02:03", props);
+    auto device = WaitForDevice("AA:00:00:00:02:03");
+    ASSERT_NE(device, nullptr);
+    sim.SetQuietConnect(path);
+    ASSERT_TRUE(device->connect());
+    EXPECT_TRUE(device->get_connected());
+    EXPECT_TRUE(device->disconnect());
+    EXPECT_FALSE(device->get_connected());
+}
+
 TEST_F(TinybClient, DeviceCallErrorsAreThrown) {
     const std::string path = sim.AddDevice("AA:00:00:00:02:02", DeviceProps{});
     auto device = WaitForDevice("AA:00:00:00:02:02");

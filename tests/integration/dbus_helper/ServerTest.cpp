@@ -1,7 +1,9 @@
 // DbusServer and DbusObject on the unit's private user bus, called from other connections.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <atomic>
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -76,6 +78,20 @@ class Counter : public DbusHelper::DbusObject {
     }
     static int Explode(sd_bus_message*, void*, sd_bus_error*) { throw std::runtime_error("boom"); }
 };
+
+// Runs a shell command; its exit status and what it printed.
+std::pair<int, std::string> Shell(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr)
+        return {-1, out};
+    char buffer[512];
+    size_t n = 0;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        out.append(buffer, n);
+    const int status = pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
 
 bool NameHasOwner(Bus bus, const char* name) {
     sd_bus_message* reply = nullptr;
@@ -174,6 +190,35 @@ TEST(DbusServer, ObjectServesPropertiesAndMethodsToAnotherConnection) {
     EXPECT_LT(sdbus_utils::SetProperty(nullptr, kName, kPath, kIface, "Label", std::string("x"), error), 0);
     // a wrongly typed write is refused by the setter's read and changes nothing
     EXPECT_LT(sdbus_utils::SetProperty(nullptr, kName, kPath, kIface, "Count", std::string("x"), error), 0);
+    EXPECT_EQ(served.thread.Run([&] { return served.counter->count; }), 42);
+}
+
+TEST(DbusServer, BusctlSeesPropertiesMethodAndSignal) {
+    ASSERT_TRUE(TestSupport::InHarness());
+    Served served;
+    ASSERT_GE(served.startResult, 0);
+    const std::string target = std::string(kName) + " " + kPath + " " + kIface;
+
+    auto r = Shell(std::string("busctl --user call ") + target + " Add i 5");
+    EXPECT_EQ(r.first, 0) << r.second;
+    EXPECT_EQ(r.second, "i 5\n");
+
+    r = Shell(std::string("busctl --user set-property ") + target + " Count i 42");
+    EXPECT_EQ(r.first, 0) << r.second;
+    r = Shell(std::string("busctl --user get-property ") + target + " Count");
+    EXPECT_EQ(r.second, "i 42\n");
+    r = Shell(std::string("busctl --user get-property ") + target + " Label");
+    EXPECT_EQ(r.second, "s \"counter\"\n");
+
+    // Read-only stays read-only.
+    r = Shell(std::string("busctl --user set-property ") + target + " Label s other");
+    EXPECT_NE(r.first, 0);
+
+    r = Shell(std::string("busctl --user introspect --no-pager ") + kName + " " + kPath + " " + kIface);
+    EXPECT_EQ(r.first, 0) << r.second;
+    EXPECT_NE(r.second.find(".Added"), std::string::npos) << r.second;
+    EXPECT_NE(r.second.find("signal"), std::string::npos) << r.second;
+    EXPECT_NE(r.second.find(".Add "), std::string::npos) << r.second;
     EXPECT_EQ(served.thread.Run([&] { return served.counter->count; }), 42);
 }
 

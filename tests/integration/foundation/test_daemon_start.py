@@ -105,10 +105,26 @@ class DaemonStart(unittest.TestCase):
                                 if t.startswith(f"[Utils] Failed to load unit name of '{unit}' service. ")]
                     self.assertEqual(len(failures), 1, texts)
                     self.assertRegex(failures[0], r'\(r = -\d+\)$')
+                # no reply to read either, and no unit path to restart
+                self.assertEqual(daemon.count('LoadServiceUnit: Failed to read response'), 2, texts)
+                self.assertEqual(daemon.count('RestartServiceUnit: Failed to read response'), 0, texts)
+                self.assertFalse([t for t in texts if t.startswith('[Utils] Failed to start ')], texts)
                 self.assertEqual(daemon.count(BROUGHT_UP), 1)
             finally:
                 status = daemon.stop()
             self.assertEqual(status, 0)
+
+    def test_started_by_systemd_it_logs_to_syslog_only(self):
+        for variable in ('JOURNAL_STREAM', 'INVOCATION_ID'):
+            with self.subTest(variable=variable), TestEnv(sandbox=True) as env:
+                daemon = DaemonProcess(env, extra_env={variable: '8:1234' if variable == 'JOURNAL_STREAM' else 'ab12'})
+                try:
+                    self.assertIsNotNone(daemon.notify.wait_for('READY=1', timeout=15))
+                finally:
+                    status = daemon.stop()
+                self.assertEqual(status, 0)
+                # syslog has the lines; the terminal echo is only for a person running it by hand
+                self.assertEqual(daemon.texts(), [])
 
 
 if __name__ == '__main__':

@@ -305,7 +305,10 @@ TEST_F(KelpIntegration, ALinkDroppedOnTheBandCommandFailsTheBandChange) {
                          {{"drop_link_on", std::string("WF")}, {"drop_link_after_ms", 50u}});
     ASSERT_TRUE(manager->Subscribe(camera));
     ReadState(camera);
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager->ConfigureWiFiFrequency(camera, "5.0", 1));
+    // Ten polls of 250 ms at most.
+    EXPECT_LT(SecondsSince(start), 4.0);
     EXPECT_EQ(camera->WiFiFrequency(), "2.4");
     EXPECT_TRUE(TestSupport::WaitUntil([&] { return !Connected(camera->Mac()); }));
     EXPECT_FALSE(manager->Unsubscribe(camera));

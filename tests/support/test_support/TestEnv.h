@@ -15,8 +15,8 @@ namespace TestSupport {
 // True when the test runs inside the harness (TESTENV_DIR is set).
 bool InHarness();
 std::string HarnessDir();
-std::string HciCallLog();           // one line per hcitool/hciconfig call
-std::string SysfsBluetoothDir();    // bound on /sys/class/bluetooth inside the namespace
+std::string HciCallLog();         // one line per hcitool/hciconfig call
+std::string SysfsBluetoothDir();  // bound on /sys/class/bluetooth inside the namespace
 std::vector<std::string> ReadLines(const std::string& path);
 void Truncate(const std::string& path);
 void WriteFile(const std::string& path, const std::string& text);
@@ -36,7 +36,7 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds timeout = std::chr
 
 // A datagram socket that receives sd_notify() messages; its path goes into NOTIFY_SOCKET.
 class NotifySocket {
-public:
+  public:
     explicit NotifySocket(std::string path);
     ~NotifySocket();
     NotifySocket(const NotifySocket&) = delete;
@@ -45,7 +45,7 @@ public:
     // The first message holding the line `line`, or nothing after `timeout`.
     std::optional<std::string> WaitFor(const std::string& line, std::chrono::milliseconds timeout);
 
-private:
+  private:
     std::string path_;
     int fd_ = -1;
     std::vector<std::string> seen_;
@@ -53,13 +53,13 @@ private:
 
 // Points the identity library at a private file for the lifetime of the object.
 class ScopedIdentity {
-public:
+  public:
     ScopedIdentity(const std::string& serial, const std::string& model, int radioType);
     ~ScopedIdentity();
     ScopedIdentity(const ScopedIdentity&) = delete;
     ScopedIdentity& operator=(const ScopedIdentity&) = delete;
 
-private:
+  private:
     std::string path_;
     std::optional<std::string> previous_;
 };
@@ -72,7 +72,8 @@ template <typename Condition>
 bool TestSupport::WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;

@@ -17,10 +17,12 @@ TEST(DaemonStart, StartsTwoSecondsLaterAfterARestart) {
     ASSERT_GE(sd_event_new(&loop), 0);
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t before = static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+    const uint64_t before =
+        static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
     const uint64_t due = Daemon::StartTime(loop, true);
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    const uint64_t after = static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+    const uint64_t after =
+        static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
     EXPECT_GE(due, before + 2000000u);
     EXPECT_LE(due, after + 2000000u);
     sd_event_unref(loop);

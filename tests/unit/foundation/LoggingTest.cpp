@@ -30,9 +30,11 @@ TEST(Logging, LongLinesAreNotCut) {
 TEST(Logging, CaptureCollectsLinesFromOtherThreads) {
     Logging::Capture capture;
     std::thread t([] {
-        for (int i = 0; i < 100; ++i) Logging::Log(LOG_INFO, "worker %d", i);
+        for (int i = 0; i < 100; ++i)
+            Logging::Log(LOG_INFO, "worker %d", i);
     });
-    for (int i = 0; i < 100; ++i) Logging::Log(LOG_INFO, "main %d", i);
+    for (int i = 0; i < 100; ++i)
+        Logging::Log(LOG_INFO, "main %d", i);
     t.join();
     EXPECT_EQ(capture.CountContaining("worker "), 100u);
     EXPECT_EQ(capture.CountContaining("main "), 100u);
@@ -52,7 +54,8 @@ TEST(CBoundary, ExceptionsBecomeNegativeErrnoAndAnErrorLine) {
     EXPECT_EQ(CBoundary::Call("cb", []() -> int { throw std::runtime_error("x"); }), -EIO);
     EXPECT_EQ(CBoundary::Call("cb", []() -> int { throw 5; }), -EIO);
     EXPECT_EQ(capture.Lines().size(), 5u);
-    for (const auto& l : capture.Lines()) EXPECT_EQ(l.priority, LOG_ERR);
+    for (const auto& l : capture.Lines())
+        EXPECT_EQ(l.priority, LOG_ERR);
     EXPECT_TRUE(capture.Contains("cb: exception stopped at the C boundary: map::at"));
 }
 
@@ -64,7 +67,8 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
     {
         EventLoop::LoopQueue queue(loop);
         std::thread poster([&] {
-            for (int i = 0; i < 50; ++i) queue.Post([&order, i] { order.push_back(i); });
+            for (int i = 0; i < 50; ++i)
+                queue.Post([&order, i] { order.push_back(i); });
             queue.Post([&] { throw std::runtime_error("dropped"); });
             queue.Post([&] {
                 ranOn = std::this_thread::get_id();
@@ -76,6 +80,7 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
     }
     sd_event_unref(loop);
     ASSERT_EQ(order.size(), 50u);
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(order[static_cast<size_t>(i)], i);
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(order[static_cast<size_t>(i)], i);
     EXPECT_EQ(ranOn, std::this_thread::get_id());
 }

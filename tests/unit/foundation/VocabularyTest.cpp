@@ -4,7 +4,7 @@
 
 TEST(Vocabulary, DeviceTypesOneToNineHaveTheirDisplayNames) {
     const std::map<DeviceType, std::string> expected = {
-        {1, "Arbor"}, {2, "Basalt"}, {3, "Cobalt"},  {4, "Dune"},   {5, "Ember"},
+        {1, "Arbor"}, {2, "Basalt"},  {3, "Cobalt"}, {4, "Dune"},   {5, "Ember"},
         {6, "Fjord"}, {7, "KelpCam"}, {8, "Garnet"}, {9, "Harbor"},
     };
     EXPECT_EQ(DeviceTypeNames, expected);

@@ -323,6 +323,15 @@ TEST_F(Kelp, PowerWithSecondsZeroWritesOnceChecksOnceAndNeverSleeps) {
     EXPECT_TRUE(sleeps.empty());
 }
 
+TEST_F(Kelp, PowerWithSecondsZeroChecksOnceAfterTheWrite) {
+    // The camera answers during the write: the single check comes after it, and nothing sleeps.
+    camera->SetPowerState('U');
+    gatt->onWrite = [this](const Write&) { camera->SetPowerState('Z'); };
+    EXPECT_TRUE(manager->ConfigurePowerState(camera, 'Z', 0));
+    EXPECT_EQ(gatt->writes.size(), 1u);
+    EXPECT_TRUE(sleeps.empty());
+}
+
 TEST_F(Kelp, PowerWithSecondsZeroSucceedsWhenTheStateIsAlreadyThere) {
     camera->SetPowerState('Z');
     EXPECT_TRUE(manager->ConfigurePowerState(camera, 'Z', 0));

@@ -120,6 +120,20 @@ TEST(RemoteCameraClassification, EveryDeviceTypeFromOneToNineIsACamera) {
     }
 }
 
+TEST(RemoteCameraClassification, OnlyTheLowByteOfTheDeviceTypeCounts) {
+    // 0x0107 is a camera of type 7; 0x0100 is no camera for all its high byte.
+    std::vector<uint8_t> payload = kCameraPayload;
+    payload[0] = 0x07;
+    payload[1] = 0x01;
+    const auto camera = AsCamera(ScannedDevice::FromManufacturerData({{0x05F3, payload}}));
+    ASSERT_NE(camera, nullptr);
+    EXPECT_EQ(camera->DeviceType(), 7);
+    payload[0] = 0x00;
+    const auto device = ScannedDevice::FromManufacturerData({{0x05F3, payload}});
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(AsCamera(device), nullptr);
+}
+
 TEST(RemoteCameraClassification, UnknownSchemaOrShortEntryIsNoCamera) {
     std::vector<uint8_t> payload = kCameraPayload;
     payload[2] = 0x09;
