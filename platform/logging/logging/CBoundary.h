@@ -15,6 +15,17 @@
 
 namespace CBoundary {
 
+// Logging may itself fail (no memory left): that must not end the process from a noexcept frame.
+inline void Report(const char* where, const char* what) noexcept {
+    try {
+        if (what != nullptr)
+            Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, what);
+        else
+            Logging::Log(LOG_ERR, "%s: unknown exception stopped at the C boundary", where);
+    } catch (...) {
+    }
+}
+
 template <typename Body>
 int Call(const char* where, Body&& body) noexcept {
     try {
@@ -25,23 +36,26 @@ int Call(const char* where, Body&& body) noexcept {
             return static_cast<int>(std::forward<Body>(body)());
         }
     } catch (const std::system_error& e) {
-        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        Report(where, e.what());
+        // only errno-valued categories carry an errno
+        const std::error_category& category = e.code().category();
+        const bool isErrno = category == std::generic_category() || category == std::system_category();
         const int code = e.code().value();
-        return code > 0 ? -code : -EIO;
+        return isErrno && code > 0 ? -code : -EIO;
     } catch (const std::bad_alloc& e) {
-        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        Report(where, e.what());
         return -ENOMEM;
     } catch (const std::out_of_range& e) {
-        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        Report(where, e.what());
         return -ERANGE;
     } catch (const std::invalid_argument& e) {
-        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        Report(where, e.what());
         return -EINVAL;
     } catch (const std::exception& e) {
-        Logging::Log(LOG_ERR, "%s: exception stopped at the C boundary: %s", where, e.what());
+        Report(where, e.what());
         return -EIO;
     } catch (...) {
-        Logging::Log(LOG_ERR, "%s: unknown exception stopped at the C boundary", where);
+        Report(where, nullptr);
         return -EIO;
     }
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <future>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -57,6 +58,18 @@ TEST(CBoundary, ExceptionsBecomeNegativeErrnoAndAnErrorLine) {
     for (const auto& l : capture.Lines())
         EXPECT_EQ(l.priority, LOG_ERR);
     EXPECT_TRUE(capture.Contains("cb: exception stopped at the C boundary: map::at"));
+}
+
+TEST(CBoundary, OnlyErrnoCategoriesGiveTheirCode) {
+    Logging::Capture capture;
+    // a future_error's code is not an errno
+    EXPECT_EQ(
+        CBoundary::Call(
+            "cb", []() -> int { throw std::system_error(std::make_error_code(std::future_errc::no_state)); }),
+        -EIO);
+    EXPECT_EQ(CBoundary::Call("cb", []() -> int { throw std::system_error(EACCES, std::system_category()); }),
+              -EACCES);
+    EXPECT_EQ(capture.Lines().size(), 2u);
 }
 
 TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
