@@ -189,6 +189,13 @@ const PropSet& Core::Locate(const std::string& path, const Object* hint, Iface i
     return object->props[iface];
 }
 
+PropSet* Core::Mirrored(const std::string& path, Iface iface) {
+    auto it = index_.find(path);
+    if (it == index_.end() || ((*it->second)->mask & (1u << iface)) == 0)
+        return nullptr;
+    return &(*it->second)->props[iface];
+}
+
 std::vector<Core::Child> Core::Children(Prop parent, const std::string& path) const {
     const Iface iface = IfaceOf(parent);
     std::vector<Child> children;
@@ -398,14 +405,13 @@ int Core::OnPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_error*) 
         }
         {
             std::unique_lock<std::shared_mutex> lock(core->cacheMutex_);
-            auto it = core->index_.find(path);
             // BlueZ announces an interface before changing it; anything else is stale
-            if (it == core->index_.end() || ((*it->second)->mask & (1u << which)) == 0)
+            PropSet* props = core->Mirrored(path, which);
+            if (props == nullptr)
                 return;
-            PropSet& props = (*it->second)->props[which];
-            props.Merge(std::move(changed));
+            props->Merge(std::move(changed));
             for (Prop gone : invalidated)
-                props.Erase(gone);
+                props->Erase(gone);
         }
         if (notified) {
             auto callback = core->valueCallbacks_.find(path);
@@ -592,9 +598,8 @@ void Core::Refresh(const std::string& path, Iface iface) {
             if (r < 0)
                 throw BluetoothException("malformed GetAll reply: " + ErrnoText(r));
             std::unique_lock<std::shared_mutex> lock(cacheMutex_);
-            auto it = index_.find(path);
-            if (it != index_.end() && ((*it->second)->mask & (1u << iface)) != 0)
-                (*it->second)->props[iface].Merge(std::move(fresh));
+            if (PropSet* props = Mirrored(path, iface))
+                props->Merge(std::move(fresh));
             return true;
         },
         kCallTimeoutUsec);

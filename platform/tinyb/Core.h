@@ -198,6 +198,9 @@ class Core {
     }
 
     const PropSet& Locate(const std::string& path, const Object* hint, Iface iface) const;
+    // The properties of `iface` at `path` while BlueZ has announced that interface there, else null.
+    // Callers hold the cache lock exclusively.
+    PropSet* Mirrored(const std::string& path, Iface iface);
 
     void AddMatches();
     void LoadObjects(sd_bus_message* reply);

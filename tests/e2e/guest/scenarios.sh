@@ -130,10 +130,10 @@ scenario_scan() {
   took scenario.scan "$t0"
 }
 
-# device_property PATH NAME: a Device1 property as BlueZ itself reports it
-device_property() {
+# bluez_property PATH INTERFACE NAME: a property as BlueZ itself reports it ("boolean true", ...)
+bluez_property() {
   dbus-send --system --print-reply --dest=org.bluez "$1" org.freedesktop.DBus.Properties.Get \
-    string:org.bluez.Device1 "string:$2" 2>&1 | sed -n 's/.*variant *//p'
+    "string:$2" "string:$3" 2>&1 | sed -n 's/.*variant *//p'
 }
 
 # ---- 3: the remote camera over real GATT -------------------------------------------------------
@@ -151,8 +151,8 @@ scenario_camera() {
   else
     step camera.configured FAIL "$(result_of "$OUT/camera-driver.log")"
     # BlueZ's own view of the link, next to what the driver saw through its client library
-    note camera.bluez_view "Connected=$(device_property "$device" Connected)" \
-      "ServicesResolved=$(device_property "$device" ServicesResolved)" \
+    note camera.bluez_view "Connected=$(bluez_property "$device" org.bluez.Device1 Connected)" \
+      "ServicesResolved=$(bluez_property "$device" org.bluez.Device1 ServicesResolved)" \
       "PropertiesChanged(Connected) signalled: $(grep -c 'string "Connected"' "$OUT/camera-signals.log") times"
   fi
   kill "$monitor" 2>/dev/null
@@ -167,11 +167,8 @@ scenario_camera() {
   took scenario.camera "$t0"
 }
 
-# adapter_property NAME: an Adapter1 property of hci0 as BlueZ itself reports it
-adapter_property() {
-  dbus-send --system --print-reply --dest=org.bluez /org/bluez/hci0 org.freedesktop.DBus.Properties.Get \
-    string:org.bluez.Adapter1 "string:$1" 2>&1 | sed -n 's/.*variant *boolean *//p'
-}
+# adapter_switch NAME: a switch of hci0 as BlueZ itself reports it, "true" or "false"
+adapter_switch() { bluez_property /org/bluez/hci0 org.bluez.Adapter1 "$1" | sed -n 's/^boolean *//p'; }
 
 # ---- the radio's switches on the real adapter --------------------------------------------------
 # Each switch of TinybRadio is turned to the other state and back; BlueZ must report each state.
@@ -180,7 +177,7 @@ scenario_radio() {
   if [ -z "$driver" ]; then step scenario.radio SKIP "(driver not built)"; return; fi
   t0=$(uptime_s)
   for sw in Pairable Discoverable Powered; do
-    orig=$(adapter_property "$sw")
+    orig=$(adapter_switch "$sw")
     if [ "$orig" != true ] && [ "$orig" != false ]; then
       step "radio.$sw" FAIL "(BlueZ reports '$orig')"; continue
     fi
@@ -188,7 +185,7 @@ scenario_radio() {
       local log=$OUT/radio-$sw-$value.log
       timeout 30 "$driver" "$sw" "$value" >"$log" 2>&1
       local rc=$?
-      seen=$(adapter_property "$sw")
+      seen=$(adapter_switch "$sw")
       if [ "$rc" = 0 ] && [ "$seen" = "$([ "$value" = 1 ] && echo true || echo false)" ]; then
         step "radio.$sw=$value" PASS "(BlueZ: $seen) $(result_of "$log")"
       else
