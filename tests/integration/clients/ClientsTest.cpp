@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "LoopHelpers.h"
+#include "test_support/LoopHelpers.h"
 #include "SimControl.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "LoopHelpers.h"
+#include "test_support/LoopHelpers.h"
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "logging/Log.h"

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "LoopHelpers.h"
+#include "test_support/LoopHelpers.h"
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/DbusServer.h"
 #include "dbus_helper/SdbusUtils.h"

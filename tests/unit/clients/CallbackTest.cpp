@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "BusPair.h"
+#include "test_support/BusPair.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"

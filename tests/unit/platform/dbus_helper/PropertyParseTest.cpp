@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "BusPair.h"
+#include "test_support/BusPair.h"
 #include "dbus_helper/SdbusUtils.h"
 
 using DbusHelperTest::MessageFactory;

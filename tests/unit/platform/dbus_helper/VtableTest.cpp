@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "BusPair.h"
+#include "test_support/BusPair.h"
 #include "dbus_helper/Vtable.h"
 #include "logging/CBoundary.h"
 
