@@ -1,6 +1,7 @@
 #include "clients/NetworkDaemonDbusHandler.h"
 
 #include "SiblingCall.h"
+#include "clients/NetworkOperations.h"
 #include "logging/Log.h"
 
 namespace Networkd {
@@ -12,14 +13,9 @@ constexpr const char* kChanged =
     "static int Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(sd_bus_message*, void*, "
     "sd_bus_error*)";
 
-template <typename T>
-int Get(const char* where, const char* macro, const char* member, T& value) {
-    return SiblingCall::GetProperty(where, macro, kService, kObjectPath, kInterface, member, value);
-}
-
-template <typename T>
-int Set(const char* where, const char* macro, const char* member, const T& value) {
-    return SiblingCall::SetProperty(where, macro, kService, kObjectPath, kInterface, member, value);
+// the operation's row in kOperations, found while compiling
+constexpr std::size_t At(std::string_view name) {
+    return SiblingCall::IndexOf(kOperations, name);
 }
 
 }  // namespace
@@ -70,123 +66,88 @@ int NetworkDaemonDbusHandler::NetworkPropertiesChanged(sd_bus_message* message, 
 }
 
 int NetworkDaemonDbusHandler::GetAllNetworkProperties(sdbus_utils::TypedPropertyMap& properties) {
-    std::string error;
-    const int r =
-        sdbus_utils::GetAllProperties(nullptr, kService, kObjectPath, kInterface, properties, error);
-    if (r < 0)
-        Logging::Log(LOG_ERR, "%s: sdbus_utils::GetAllProperties failed %s",
-                     "static int Networkd::NetworkDaemonDbusHandler::GetAllNetworkProperties("
-                     "sdbus_utils::TypedPropertyMap&)",
-                     error.c_str());
-    return r;
+    return SiblingCall::GetAll<kOperations, At("GetAllNetworkProperties")>(properties);
 }
 
 int NetworkDaemonDbusHandler::Scan() {
-    return SiblingCall::LoggedMethod("static int Networkd::NetworkDaemonDbusHandler::Scan()",
-                                     "QUORBEL_NETMAN_METHOD_SCAN", kService, kObjectPath, kInterface, "Scan");
+    return SiblingCall::Call<kOperations, At("Scan")>();
 }
 
 int NetworkDaemonDbusHandler::Connect(const std::string& ssid, const std::string& passphrase) {
-    return SiblingCall::LoggedMethod(
-        "static int Networkd::NetworkDaemonDbusHandler::Connect(const std::string&, const std::string&)",
-        "QUORBEL_NETMAN_METHOD_CONNECT", kService, kObjectPath, kInterface, "Connect",
-        SiblingCall::Args(ssid, passphrase));
+    return SiblingCall::Call<kOperations, At("Connect")>(SiblingCall::Args(ssid, passphrase));
 }
 
 int NetworkDaemonDbusHandler::Disconnect() {
-    return SiblingCall::LoggedMethod("static int Networkd::NetworkDaemonDbusHandler::Disconnect()",
-                                     "QUORBEL_NETMAN_METHOD_DISCONNECT", kService, kObjectPath, kInterface,
-                                     "Disconnect");
+    return SiblingCall::Call<kOperations, At("Disconnect")>();
 }
 
 int NetworkDaemonDbusHandler::SetMode(const std::string& mode) {
-    return Set("static int Networkd::NetworkDaemonDbusHandler::SetMode(const std::string&)",
-               "QUORBEL_NETMAN_PROP_MODE", "Mode", mode);
+    return SiblingCall::Set<kOperations, At("SetMode")>(mode);
 }
 
 int NetworkDaemonDbusHandler::GetMode(std::string& mode) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetMode(std::string&)",
-               "QUORBEL_NETMAN_PROP_MODE", "Mode", mode);
+    return SiblingCall::Get<kOperations, At("GetMode")>(mode);
 }
 
 int NetworkDaemonDbusHandler::SetSSID(const std::string& ssid) {
-    return Set("static int Networkd::NetworkDaemonDbusHandler::SetSSID(const std::string&)",
-               "QUORBEL_NETMAN_PROP_SSID", "SSID", ssid);
+    return SiblingCall::Set<kOperations, At("SetSSID")>(ssid);
 }
 
 int NetworkDaemonDbusHandler::GetSSID(std::string& ssid) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetSSID(std::string&)",
-               "QUORBEL_NETMAN_PROP_SSID", "SSID", ssid);
+    return SiblingCall::Get<kOperations, At("GetSSID")>(ssid);
 }
 
 int NetworkDaemonDbusHandler::SetFrequency(const std::string& frequency) {
-    return Set("static int Networkd::NetworkDaemonDbusHandler::SetFrequency(const std::string&)",
-               "QUORBEL_NETMAN_PROP_FREQ", "WiFiFrequency", frequency);
+    return SiblingCall::Set<kOperations, At("SetFrequency")>(frequency);
 }
 
 int NetworkDaemonDbusHandler::GetFrequency(std::string& frequency) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetFrequency(std::string&)",
-               "QUORBEL_NETMAN_PROP_FREQ", "WiFiFrequency", frequency);
+    return SiblingCall::Get<kOperations, At("GetFrequency")>(frequency);
 }
 
 int NetworkDaemonDbusHandler::GetAvailableFrequencies(std::vector<std::string>& frequencies) {
-    return Get(
-        "static int Networkd::NetworkDaemonDbusHandler::GetAvailableFrequencies(std::vector<std::string>&)",
-        "QUORBEL_NETMAN_PROP_AV_FREQS", "WiFiAvailableFrequencies", frequencies);
+    return SiblingCall::Get<kOperations, At("GetAvailableFrequencies")>(frequencies);
 }
 
 int NetworkDaemonDbusHandler::GetClients(uint32_t& clients) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetClients(uint32_t&)",
-               "QUORBEL_NETMAN_PROP_CLIENTS", "WiFiConnectedClients", clients);
+    return SiblingCall::Get<kOperations, At("GetClients")>(clients);
 }
 
 int NetworkDaemonDbusHandler::GetIpAddress(std::string& address) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetIpAddress(std::string&)",
-               "QUORBEL_NETMAN_PROP_IP", "IPAddress", address);
+    return SiblingCall::Get<kOperations, At("GetIpAddress")>(address);
 }
 
 int NetworkDaemonDbusHandler::GetMacAddress(std::string& address) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetMacAddress(std::string&)",
-               "QUORBEL_NETMAN_PROP_MAC", "MacAddress", address);
+    return SiblingCall::Get<kOperations, At("GetMacAddress")>(address);
 }
 
 int NetworkDaemonDbusHandler::GetSignal(uint32_t& signal) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetSignal(uint32_t&)",
-               "QUORBEL_NETMAN_PROP_SIG", "WiFiSignal", signal);
+    return SiblingCall::Get<kOperations, At("GetSignal")>(signal);
 }
 
 int NetworkDaemonDbusHandler::GetClientState(uint32_t& state) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetClientState(uint32_t&)",
-               "QUORBEL_NETMAN_PROP_CLIENT_STATE", "WiFiClientState", state);
+    return SiblingCall::Get<kOperations, At("GetClientState")>(state);
 }
 
 int NetworkDaemonDbusHandler::GetClientSSID(std::string& ssid) {
-    // logs with the SSID word, as it always has
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetClientSSID(std::string&)",
-               "QUORBEL_NETMAN_PROP_SSID", "ClientSSID", ssid);
+    return SiblingCall::Get<kOperations, At("GetClientSSID")>(ssid);
 }
 
 int NetworkDaemonDbusHandler::SetPower(uint32_t state) {
-    return Set("static int Networkd::NetworkDaemonDbusHandler::SetPower(uint32_t)",
-               "QUORBEL_NETMAN_PROP_STATE", "WiFiState", state);
+    return SiblingCall::Set<kOperations, At("SetPower")>(state);
 }
 
 int NetworkDaemonDbusHandler::GetPower(uint32_t& state) {
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetPower(uint32_t&)",
-               "QUORBEL_NETMAN_PROP_STATE", "WiFiState", state);
+    return SiblingCall::Get<kOperations, At("GetPower")>(state);
 }
 
 int NetworkDaemonDbusHandler::GetAccessPointInitialised(bool& initialised) {
-    // logs with the STATE word, as it always has
-    return Get("static int Networkd::NetworkDaemonDbusHandler::GetAccessPointInitialised(bool&)",
-               "QUORBEL_NETMAN_PROP_STATE", "WiFiAccessPointInitialised", initialised);
+    return SiblingCall::Get<kOperations, At("GetAccessPointInitialised")>(initialised);
 }
 
 int NetworkDaemonDbusHandler::GetAccessPoints(std::vector<AccessPoint>& accessPoints) {
     std::vector<sdbus_utils::AccessPointTuple> entries;
-    const int r =
-        Get("static int Networkd::NetworkDaemonDbusHandler::GetAccessPoints(std::vector<AccessPoint>&)",
-            "QUORBEL_NETMAN_PROP_ACCESS_POINTS", "AccessPoints", entries);
+    const int r = SiblingCall::Get<kOperations, At("GetAccessPoints")>(entries);
     if (r < 0)
         return r;
     std::vector<AccessPoint> list;

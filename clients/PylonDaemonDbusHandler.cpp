@@ -1,6 +1,7 @@
 #include "clients/PylonDaemonDbusHandler.h"
 
 #include "SiblingCall.h"
+#include "clients/PylonOperations.h"
 #include "logging/Log.h"
 
 namespace Pylond {
@@ -11,41 +12,9 @@ constexpr const char* kListen = "int Pylond::PylonDaemonDbusHandler::Listen()";
 constexpr const char* kPropertiesIface = "org.freedesktop.DBus.Properties";
 constexpr const char* kObjectManagerIface = "org.freedesktop.DBus.ObjectManager";
 
-const char* PowerPath(bool remote) {
-    return remote ? kRemotePowerPath : kPowerPath;
-}
-
-template <typename T>
-int GetPower(const char* where, const char* macro, const char* member, bool remote, T& value) {
-    return SiblingCall::GetProperty(where, macro, kService, PowerPath(remote), kPowerInterface, member,
-                                    value);
-}
-
-template <typename T>
-int GetControl(const char* where, const char* macro, const char* member, T& value) {
-    return SiblingCall::GetProperty(where, macro, kService, kObjectPath, kControlInterface, member, value);
-}
-
-template <typename T>
-int GetCooling(const char* where, const char* macro, const char* member, T& value) {
-    return SiblingCall::GetProperty(where, macro, kService, kCoolingPath, kCoolingInterface, member, value);
-}
-
-template <typename T>
-int SetCooling(const char* where, const char* macro, const char* member, const T& value) {
-    return SiblingCall::SetProperty(where, macro, kService, kCoolingPath, kCoolingInterface, member, value);
-}
-
-int PowerMethod(const char* where, const char* macro, const char* member, bool remote,
-                const SiblingCall::Writer& args = {}, const SiblingCall::Reader& read = {}) {
-    return SiblingCall::LoggedMethod(where, macro, kService, PowerPath(remote), kPowerInterface, member, args,
-                                     read);
-}
-
-int ControlMethod(const char* where, const char* macro, const char* member,
-                  const SiblingCall::Writer& args = {}, const SiblingCall::Reader& read = {}) {
-    return SiblingCall::LoggedMethod(where, macro, kService, kObjectPath, kControlInterface, member, args,
-                                     read);
+// the operation's row in kOperations, found while compiling
+constexpr std::size_t At(std::string_view name) {
+    return SiblingCall::IndexOf(kOperations, name);
 }
 
 // The PropertiesChanged callbacks: skip the interface name, parse the changes, hand them on.
@@ -215,288 +184,193 @@ int PylonDaemonDbusHandler::InterfacesRemovedHandler(sd_bus_message* message, vo
 }
 
 int PylonDaemonDbusHandler::GetAllPowerProperties(bool remote, sdbus_utils::TypedPropertyMap& properties) {
-    std::string error;
-    const int r = sdbus_utils::GetAllProperties(nullptr, kService, PowerPath(remote), kPowerInterface,
-                                                properties, error);
-    if (r < 0)
-        Logging::Log(LOG_ERR, "%s: sdbus_utils::GetAllProperties failed %s",
-                     "static int Pylond::PylonDaemonDbusHandler::GetAllPowerProperties(bool, "
-                     "sdbus_utils::TypedPropertyMap&)",
-                     error.c_str());
-    return r;
+    return SiblingCall::GetAll<kOperations, At("GetAllPowerProperties")>(properties, remote);
 }
 
 // ---------------------------------------------------------------------------------------------- power
 
 int PylonDaemonDbusHandler::GetPowerSource(int32_t& source, bool remote) {
-    return GetPower("static int Pylond::PylonDaemonDbusHandler::GetPowerSource(int32_t&, bool)",
-                    "POWER_PROP_ACTIVE_POWER_SOURCE", "ActivePowerSource", remote, source);
+    return SiblingCall::Get<kOperations, At("GetPowerSource")>(source, remote);
 }
 
 int PylonDaemonDbusHandler::ReadBatteryVoltages(std::vector<int32_t>& voltages, bool remote) {
-    return GetPower(
-        "static int Pylond::PylonDaemonDbusHandler::ReadBatteryVoltages(std::vector<int32_t>&, bool)",
-        "POWER_PROP_BATTERY_VOLTAGES", "BatteryVoltages", remote, voltages);
+    return SiblingCall::Get<kOperations, At("ReadBatteryVoltages")>(voltages, remote);
 }
 
 int PylonDaemonDbusHandler::ReadBatteryChargePercentages(std::vector<int32_t>& percentages, bool remote) {
-    return GetPower(
-        "static int Pylond::PylonDaemonDbusHandler::ReadBatteryChargePercentages(std::vector<int32_t>&, "
-        "bool)",
-        "POWER_PROP_BATTERY_CHARGE_PERCENTAGES", "BatteryChargePercentages", remote, percentages);
+    return SiblingCall::Get<kOperations, At("ReadBatteryChargePercentages")>(percentages, remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryTypes(std::vector<uint32_t>& types, bool remote) {
-    return GetPower(
-        "static int Pylond::PylonDaemonDbusHandler::GetBatteryTypes(std::vector<uint32_t>&, bool)",
-        "POWER_PROP_BATTERY_TYPES", "BatteryTypes", remote, types);
+    return SiblingCall::Get<kOperations, At("GetBatteryTypes")>(types, remote);
 }
 
 int PylonDaemonDbusHandler::GetSystemPowerLevel(uint32_t& level, bool remote) {
-    return GetPower("static int Pylond::PylonDaemonDbusHandler::GetSystemPowerLevel(uint32_t&, bool)",
-                    "POWER_PROP_SYSTEM_POWER_LEVEL", "SystemPowerLevel", remote, level);
+    return SiblingCall::Get<kOperations, At("GetSystemPowerLevel")>(level, remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryDrainMode(uint32_t& mode, bool remote) {
-    return GetPower("static int Pylond::PylonDaemonDbusHandler::GetBatteryDrainMode(uint32_t&, bool)",
-                    "POWER_PROP_BATTERY_DRAIN_MODE", "BatteryDrainMode", remote, mode);
+    return SiblingCall::Get<kOperations, At("GetBatteryDrainMode")>(mode, remote);
 }
 
 int PylonDaemonDbusHandler::SetBatteryDrainMode(uint32_t mode, bool remote) {
-    return SiblingCall::SetProperty(
-        "static int Pylond::PylonDaemonDbusHandler::SetBatteryDrainMode(uint32_t, bool)",
-        "POWER_PROP_BATTERY_DRAIN_MODE", kService, PowerPath(remote), kPowerInterface, "BatteryDrainMode",
-        mode);
+    return SiblingCall::Set<kOperations, At("SetBatteryDrainMode")>(mode, remote);
 }
 
 int PylonDaemonDbusHandler::GetLowBatteryWarnings(bool& warnings, bool remote) {
-    return GetPower("static int Pylond::PylonDaemonDbusHandler::GetLowBatteryWarnings(bool&, bool)",
-                    "POWER_PROP_LOW_BATTERY_WARNINGS", "LowBatteryWarnings", remote, warnings);
+    return SiblingCall::Get<kOperations, At("GetLowBatteryWarnings")>(warnings, remote);
 }
 
 int PylonDaemonDbusHandler::GetPermittedActions(uint32_t& actions, bool remote) {
-    return GetPower("static int Pylond::PylonDaemonDbusHandler::GetPermittedActions(uint32_t&, bool)",
-                    "POWER_PROP_PERMITTED_ACTIONS", "PermittedActions", remote, actions);
+    return SiblingCall::Get<kOperations, At("GetPermittedActions")>(actions, remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryLevelIcons(BatteryLevelIcons& icons, bool remote) {
-    return GetPower(
-        "static int Pylond::PylonDaemonDbusHandler::GetBatteryLevelIcons(BatteryLevelIcons&, bool)",
-        "POWER_PROP_BATTERY_LEVEL_ICONS", "BatteryLevelIcons", remote, icons);
+    return SiblingCall::Get<kOperations, At("GetBatteryLevelIcons")>(icons, remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryInfo(uint32_t battery, std::string& info, bool remote) {
-    std::string read;
-    const int r =
-        PowerMethod("static int Pylond::PylonDaemonDbusHandler::GetBatteryInfo(uint32_t, std::string&, bool)",
-                    "POWER_METHOD_GET_BATTERY_INFO", "GetBatteryInfo", remote, SiblingCall::Args(battery),
-                    SiblingCall::Into(read));
-    if (r >= 0)
-        info = read;
-    return r;
+    return SiblingCall::Query<kOperations, At("GetBatteryInfo")>(info, SiblingCall::Args(battery), remote);
 }
 
 int PylonDaemonDbusHandler::RequestGetBatteryData(bool remote) {
-    return PowerMethod("static int Pylond::PylonDaemonDbusHandler::RequestGetBatteryData(bool)",
-                       "POWER_METHOD_REQUEST_BATTERY_DATA", "RequestBatteryData", remote);
+    return SiblingCall::Call<kOperations, At("RequestGetBatteryData")>({}, {}, remote);
 }
 
 int PylonDaemonDbusHandler::GetPowerSufficientForAction(uint32_t action, bool& sufficient, bool remote) {
-    bool read = false;
-    const int r = PowerMethod(
-        "static int Pylond::PylonDaemonDbusHandler::GetPowerSufficientForAction(uint32_t, bool&, bool)",
-        "POWER_METHOD_GET_POWER_SUFFICIENT_FOR_ACTION", "GetPowerSufficientForAction", remote,
-        SiblingCall::Args(action), SiblingCall::Into(read));
-    if (r >= 0)
-        sufficient = read;
-    return r;
+    return SiblingCall::Query<kOperations, At("GetPowerSufficientForAction")>(
+        sufficient, SiblingCall::Args(action), remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryUpdateState(uint32_t& state, bool remote) {
-    uint32_t read = 0;
-    const int r =
-        PowerMethod("static int Pylond::PylonDaemonDbusHandler::GetBatteryUpdateState(uint32_t&, bool)",
-                    "POWER_METHOD_GET_BATTERY_UPDATE_STATE", "GetBatteryUpdateState", remote, {},
-                    SiblingCall::Into(read));
-    if (r >= 0)
-        state = read;
-    return r;
+    return SiblingCall::Query<kOperations, At("GetBatteryUpdateState")>(state, {}, remote);
 }
 
 int PylonDaemonDbusHandler::GetBatteryUpdateDirection(uint32_t& direction, bool remote) {
-    uint32_t read = 0;
-    const int r =
-        PowerMethod("static int Pylond::PylonDaemonDbusHandler::GetBatteryUpdateDirection(uint32_t&, bool)",
-                    "POWER_METHOD_GET_BATTERY_UPDATE_DIRECTION", "GetBatteryUpdateDirection", remote, {},
-                    SiblingCall::Into(read));
-    if (r >= 0)
-        direction = read;
-    return r;
+    return SiblingCall::Query<kOperations, At("GetBatteryUpdateDirection")>(direction, {}, remote);
 }
 
 // -------------------------------------------------------------------------------------------- control
 
 int PylonDaemonDbusHandler::SetPowerState(int32_t state, int32_t delaySecs) {
-    return ControlMethod("static int Pylond::PylonDaemonDbusHandler::SetPowerState(int32_t, int32_t)",
-                         "CONTROL_METHOD_SET_POWER_STATE", "SetPowerState",
-                         SiblingCall::Args(state, delaySecs));
+    return SiblingCall::Call<kOperations, At("SetPowerState")>(SiblingCall::Args(state, delaySecs));
 }
 
 int PylonDaemonDbusHandler::GetPowerStates(std::array<bool, 6>& states) {
     std::array<bool, 6> read{};
-    const int r =
-        ControlMethod("static int Pylond::PylonDaemonDbusHandler::GetPowerStates(std::array<bool, 6>&)",
-                      "CONTROL_METHOD_GET_POWER_STATES", "GetPowerStates", {}, [&read](sd_bus_message* m) {
-                          for (bool& state : read) {
-                              const int rr = sdbus_utils::Codec<bool>::Read(m, state);
-                              if (rr < 0)
-                                  return rr;
-                          }
-                          return 0;
-                      });
+    const int r = SiblingCall::Call<kOperations, At("GetPowerStates")>({}, [&read](sd_bus_message* m) {
+        for (bool& state : read) {
+            const int rr = sdbus_utils::Codec<bool>::Read(m, state);
+            if (rr < 0)
+                return rr;
+        }
+        return 0;
+    });
     if (r >= 0)
         states = read;
     return r;
 }
 
 int PylonDaemonDbusHandler::SetLedState(uint32_t led, uint32_t state) {
-    return ControlMethod("static int Pylond::PylonDaemonDbusHandler::SetLedState(uint32_t, uint32_t)",
-                         "CONTROL_METHOD_SET_LED_STATE", "SetLedState", SiblingCall::Args(led, state));
+    return SiblingCall::Call<kOperations, At("SetLedState")>(SiblingCall::Args(led, state));
 }
 
 int PylonDaemonDbusHandler::BeepBuzzer(uint32_t count, uint32_t onMillis, uint32_t offMillis) {
-    return ControlMethod(
-        "static int Pylond::PylonDaemonDbusHandler::BeepBuzzer(uint32_t, uint32_t, uint32_t)",
-        "CONTROL_METHOD_BEEP_BUZZER", "BeepBuzzer", SiblingCall::Args(count, onMillis, offMillis));
+    return SiblingCall::Call<kOperations, At("BeepBuzzer")>(SiblingCall::Args(count, onMillis, offMillis));
 }
 
 int PylonDaemonDbusHandler::SetRemote(const std::string& ip, const std::string& dbusAddress) {
-    return ControlMethod(
-        "static int Pylond::PylonDaemonDbusHandler::SetRemote(const std::string&, const std::string&)",
-        "CONTROL_METHOD_SET_REMOTE", "SetRemote", SiblingCall::Args(ip, dbusAddress));
+    return SiblingCall::Call<kOperations, At("SetRemote")>(SiblingCall::Args(ip, dbusAddress));
 }
 
 int PylonDaemonDbusHandler::SetLocal() {
-    return ControlMethod("static int Pylond::PylonDaemonDbusHandler::SetLocal()", "CONTROL_METHOD_SET_LOCAL",
-                         "SetLocal");
+    return SiblingCall::Call<kOperations, At("SetLocal")>();
 }
 
 int PylonDaemonDbusHandler::GetRemoteIP(std::string& ip) {
-    return GetControl("static int Pylond::PylonDaemonDbusHandler::GetRemoteIP(std::string&)",
-                      "CONTROL_PROP_REMOTE_IP", "RemoteIP", ip);
+    return SiblingCall::Get<kOperations, At("GetRemoteIP")>(ip);
 }
 
 int PylonDaemonDbusHandler::GetRemoteDbusAddr(std::string& address) {
-    return GetControl("static int Pylond::PylonDaemonDbusHandler::GetRemoteDbusAddr(std::string&)",
-                      "CONTROL_PROP_REMOTE_DBUS_ADDRESS", "RemoteDBusAddress", address);
+    return SiblingCall::Get<kOperations, At("GetRemoteDbusAddr")>(address);
 }
 
 int PylonDaemonDbusHandler::GetPropVideoStatus(uint32_t& status) {
-    return GetControl("static int Pylond::PylonDaemonDbusHandler::GetPropVideoStatus(uint32_t&)",
-                      "CONTROL_PROP_VIDEO_STATUS", "VideoStatus", status);
+    return SiblingCall::Get<kOperations, At("GetPropVideoStatus")>(status);
 }
-
-namespace {
-template <typename T>
-int ControlQuery(const char* where, const char* macro, const char* member, T& value) {
-    T read{};
-    const int r = ControlMethod(where, macro, member, {}, SiblingCall::Into(read));
-    if (r >= 0)
-        value = read;
-    return r;
-}
-}  // namespace
 
 int PylonDaemonDbusHandler::GetVideoStatus(uint32_t& status) {
-    return ControlQuery("static int Pylond::PylonDaemonDbusHandler::GetVideoStatus(uint32_t&)",
-                        "CONTROL_METHOD_GET_VIDEO_STATUS", "GetVideoStatus", status);
+    return SiblingCall::Query<kOperations, At("GetVideoStatus")>(status);
 }
 
 int PylonDaemonDbusHandler::GetPylonSwVersion(std::string& version) {
-    return ControlQuery("static int Pylond::PylonDaemonDbusHandler::GetPylonSwVersion(std::string&)",
-                        "CONTROL_METHOD_GET_PYLON_SW_VERSION", "GetPylonSwVersion", version);
+    return SiblingCall::Query<kOperations, At("GetPylonSwVersion")>(version);
 }
 
 int PylonDaemonDbusHandler::GetPylonHwVersion(std::string& version) {
-    return ControlQuery("static int Pylond::PylonDaemonDbusHandler::GetPylonHwVersion(std::string&)",
-                        "CONTROL_METHOD_GET_PYLON_HW_VERSION", "GetPylonHwVersion", version);
+    return SiblingCall::Query<kOperations, At("GetPylonHwVersion")>(version);
 }
 
 int PylonDaemonDbusHandler::GetKeypadPicVersion(std::string& version) {
-    return ControlQuery("static int Pylond::PylonDaemonDbusHandler::GetKeypadPicVersion(std::string&)",
-                        "CONTROL_METHOD_GET_KEYPAD_PIC_VERSION", "GetKeypadPicVersion", version);
+    return SiblingCall::Query<kOperations, At("GetKeypadPicVersion")>(version);
 }
 
 // -------------------------------------------------------------------------------------------- cooling
 
 int PylonDaemonDbusHandler::GetCpuTemp(int32_t& temperature) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetCpuTemp(int32_t&)",
-                      "COOLING_PROP_CPU_TEMP", "CpuTemp", temperature);
+    return SiblingCall::Get<kOperations, At("GetCpuTemp")>(temperature);
 }
 
 int PylonDaemonDbusHandler::GetFanSpeed(uint32_t& rpm) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetFanSpeed(uint32_t&)",
-                      "COOLING_PROP_FAN_SPEED", "FanSpeed", rpm);
+    return SiblingCall::Get<kOperations, At("GetFanSpeed")>(rpm);
 }
 
 int PylonDaemonDbusHandler::GetFanCtrlMode(uint32_t& mode) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetFanCtrlMode(uint32_t&)",
-                      "COOLING_PROP_FAN_CTRL_MODE", "FanCtrlMode", mode);
+    return SiblingCall::Get<kOperations, At("GetFanCtrlMode")>(mode);
 }
 
 int PylonDaemonDbusHandler::SetFanCtrlMode(uint32_t mode) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetFanCtrlMode(uint32_t)",
-                      "COOLING_PROP_FAN_CTRL_MODE", "FanCtrlMode", mode);
+    return SiblingCall::Set<kOperations, At("SetFanCtrlMode")>(mode);
 }
 
 int PylonDaemonDbusHandler::GetManualFanSpeed(uint32_t& speed) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetManualFanSpeed(uint32_t&)",
-                      "COOLING_PROP_MANUAL_FAN_SPEED", "ManualFanSpeed", speed);
+    return SiblingCall::Get<kOperations, At("GetManualFanSpeed")>(speed);
 }
 
 int PylonDaemonDbusHandler::SetManualFanSpeed(uint32_t speed) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetManualFanSpeed(uint32_t)",
-                      "COOLING_PROP_MANUAL_FAN_SPEED", "ManualFanSpeed", speed);
+    return SiblingCall::Set<kOperations, At("SetManualFanSpeed")>(speed);
 }
 
 int PylonDaemonDbusHandler::GetFanCtrlRangeMinTemp(int32_t& temperature) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetFanCtrlRangeMinTemp(int32_t&)",
-                      "COOLING_PROP_FAN_CTRL_RANGE_MIN_TEMP", "FanCtrlRangeMinTemp", temperature);
+    return SiblingCall::Get<kOperations, At("GetFanCtrlRangeMinTemp")>(temperature);
 }
 
 int PylonDaemonDbusHandler::SetFanCtrlRangeMinTemp(int32_t temperature) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetFanCtrlRangeMinTemp(int32_t)",
-                      "COOLING_PROP_FAN_CTRL_RANGE_MIN_TEMP", "FanCtrlRangeMinTemp", temperature);
+    return SiblingCall::Set<kOperations, At("SetFanCtrlRangeMinTemp")>(temperature);
 }
 
 int PylonDaemonDbusHandler::GetFanCtrlRangeMaxTemp(int32_t& temperature) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetFanCtrlRangeMaxTemp(int32_t&)",
-                      "COOLING_PROP_FAN_CTRL_RANGE_MAX_TEMP", "FanCtrlRangeMaxTemp", temperature);
+    return SiblingCall::Get<kOperations, At("GetFanCtrlRangeMaxTemp")>(temperature);
 }
 
 int PylonDaemonDbusHandler::SetFanCtrlRangeMaxTemp(int32_t temperature) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetFanCtrlRangeMaxTemp(int32_t)",
-                      "COOLING_PROP_FAN_CTRL_RANGE_MAX_TEMP", "FanCtrlRangeMaxTemp", temperature);
+    return SiblingCall::Set<kOperations, At("SetFanCtrlRangeMaxTemp")>(temperature);
 }
 
 int PylonDaemonDbusHandler::GetCpuTempAvgPeriod(uint32_t& seconds) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetCpuTempAvgPeriod(uint32_t&)",
-                      "COOLING_PROP_CPU_TEMP_AVG_PERIOD", "CpuTempAvgPeriod", seconds);
+    return SiblingCall::Get<kOperations, At("GetCpuTempAvgPeriod")>(seconds);
 }
 
 int PylonDaemonDbusHandler::SetCpuTempAvgPeriod(uint32_t seconds) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetCpuTempAvgPeriod(uint32_t)",
-                      "COOLING_PROP_CPU_TEMP_AVG_PERIOD", "CpuTempAvgPeriod", seconds);
+    return SiblingCall::Set<kOperations, At("SetCpuTempAvgPeriod")>(seconds);
 }
 
 int PylonDaemonDbusHandler::GetEmitStatusChanges(bool& emit) {
-    return GetCooling("static int Pylond::PylonDaemonDbusHandler::GetEmitStatusChanges(bool&)",
-                      "COOLING_PROP_EMIT_STATUS_CHANGES", "EmitStatusChanges", emit);
+    return SiblingCall::Get<kOperations, At("GetEmitStatusChanges")>(emit);
 }
 
 int PylonDaemonDbusHandler::SetEmitStatusChanges(bool emit) {
-    return SetCooling("static int Pylond::PylonDaemonDbusHandler::SetEmitStatusChanges(bool)",
-                      "COOLING_PROP_EMIT_STATUS_CHANGES", "EmitStatusChanges", emit);
+    return SiblingCall::Set<kOperations, At("SetEmitStatusChanges")>(emit);
 }
 
 }  // namespace Pylond

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "SiblingCall.h"
+#include "clients/SettingsOperations.h"
 
 namespace Settingsd {
 
@@ -13,18 +14,22 @@ constexpr const char* kListen = "int32_t Settingsd::SettingsDaemonDbusHandler::L
 constexpr const char* kPropertiesChanged =
     "static int32_t Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message*, void*, "
     "sd_bus_error*)";
-constexpr const char* kGetSectionSettings =
-    "static int32_t Settingsd::SettingsDaemonDbusHandler::GetSectionSettings(const std::string&, "
-    "sdbus_utils::TypedPropertyMap&)";
+// the operation's row in kOperations, found while compiling
+constexpr std::size_t At(std::string_view name) {
+    return SiblingCall::IndexOf(kOperations, name);
+}
 
-int32_t Reset(const char* where, const char* member, const SiblingCall::Writer& args) {
-    Logging::Log(LOG_INFO, "%s", where);
+// The resets announce themselves and log their failures in this daemon's own words.
+template <std::size_t I>
+int32_t Reset(const SiblingCall::Writer& args) {
+    const SiblingCall::Operation& op = SiblingCall::Row<kOperations, I, SiblingCall::Kind::Method>();
+    Logging::Log(LOG_INFO, "%s", op.where);
     SiblingCall::Failure failure = SiblingCall::Failure::None;
-    const int r = SiblingCall::Method(kService, kObjectPath, kInterface, member, args, {}, failure);
+    const int r = SiblingCall::Method(op.service, op.path, op.interface, op.member, args, {}, failure);
     if (failure == SiblingCall::Failure::Open)
-        Logging::Log(LOG_ERR, "%s: sd_bus_open_user failed", where);
+        Logging::Log(LOG_ERR, "%s: sd_bus_open_user failed", op.where);
     else if (r < 0)
-        Logging::Log(LOG_ERR, "%s:sd_bus_call_method call failed (r = %d)", where, r);
+        Logging::Log(LOG_ERR, "%s:sd_bus_call_method call failed (r = %d)", op.where, r);
     return r;
 }
 
@@ -122,30 +127,27 @@ bool SettingsDaemonDbusHandler::SystemCallDebug() {
 
 int32_t SettingsDaemonDbusHandler::GetSectionSettings(const std::string& section,
                                                       sdbus_utils::TypedPropertyMap& settings) {
-    const std::string path = std::string(kObjectPath) + "/" + section;
+    const SiblingCall::Operation& op =
+        SiblingCall::Row<kOperations, At("GetSectionSettings"), SiblingCall::Kind::GetAll>();
+    const std::string path = std::string(op.path) + "/" + section;
     std::string error;
-    const int r = sdbus_utils::GetAllProperties(nullptr, kService, path, kInterface, settings, error);
+    const int r = sdbus_utils::GetAllProperties(nullptr, op.service, path, op.interface, settings, error);
     if (r < 0)
-        Logging::Log(LOG_ERR, "%s: ERROR sdbus_utils::GetAllProperties %s failed %s", kGetSectionSettings,
+        Logging::Log(LOG_ERR, "%s: ERROR sdbus_utils::GetAllProperties %s failed %s", op.where,
                      section.c_str(), error.c_str());
     return r;
 }
 
 int32_t SettingsDaemonDbusHandler::ResetToDefaults(bool all) {
-    return Reset("static int32_t Settingsd::SettingsDaemonDbusHandler::ResetToDefaults(bool)",
-                 "ResetToDefaults", SiblingCall::Args(all));
+    return Reset<At("ResetToDefaults")>(SiblingCall::Args(all));
 }
 
 int32_t SettingsDaemonDbusHandler::ResetSection(const std::string& section) {
-    return Reset("static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&)",
-                 "ResetSection", SiblingCall::Args(section));
+    return Reset<At("ResetSection")>(SiblingCall::Args(section));
 }
 
 int32_t SettingsDaemonDbusHandler::ResetSetting(const std::string& section, const std::string& key) {
-    return Reset(
-        "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSetting(const std::string&, const "
-        "std::string&)",
-        "ResetSetting", SiblingCall::Args(section, key));
+    return Reset<At("ResetSetting")>(SiblingCall::Args(section, key));
 }
 
 }  // namespace Settingsd

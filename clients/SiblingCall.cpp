@@ -46,4 +46,13 @@ int LoggedMethod(const char* where, const char* macro, const std::string& destin
     return r;
 }
 
+int GetAllProperties(const Operation& op, bool remote, sdbus_utils::TypedPropertyMap& properties) {
+    std::string error;
+    const int r =
+        sdbus_utils::GetAllProperties(nullptr, op.service, op.Path(remote), op.interface, properties, error);
+    if (r < 0)
+        Logging::Log(LOG_ERR, "%s: sdbus_utils::GetAllProperties failed %s", op.where, error.c_str());
+    return r;
+}
+
 }  // namespace SiblingCall

@@ -1,12 +1,16 @@
 #pragma once
 // What the three sibling-daemon clients share: method calls on a fresh user-bus connection per call, and
-// property reads and writes that log their failure with the property's macro word.
+// property reads and writes that log their failure with the property's macro word; and the same calls
+// driven by a row of a client's operation table (clients/SiblingOperation.h).
 
 #include <systemd/sd-bus.h>
 
+#include <cstddef>
 #include <functional>
 #include <string>
+#include <utility>
 
+#include "clients/SiblingOperation.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "logging/Log.h"
 
@@ -63,6 +67,54 @@ Writer Args(const T&... values) {
         ((r = r < 0 ? r : sdbus_utils::Codec<T>::Append(m, values)), ...);
         return r;
     };
+}
+
+// ---------------------------------------------------------------------------------------- from a row
+// Table is a client's constexpr operation table, I the index of the row (IndexOf, while compiling); the
+// row's kind is checked while compiling too. `remote` picks the row's remote object where it has one.
+
+template <const auto& Table, std::size_t I, Kind K>
+constexpr const Operation& Row() {
+    static_assert(Table[I].kind == K, "the operation's row is of another kind");
+    return Table[I];
+}
+
+template <const auto& Table, std::size_t I, typename T>
+int Get(T& value, bool remote = false) {
+    const Operation& op = Row<Table, I, Kind::PropertyGet>();
+    return GetProperty(op.where, op.macro, op.service, op.Path(remote), op.interface, op.member, value);
+}
+
+template <const auto& Table, std::size_t I, typename T>
+int Set(const T& value, bool remote = false) {
+    const Operation& op = Row<Table, I, Kind::PropertySet>();
+    return SetProperty(op.where, op.macro, op.service, op.Path(remote), op.interface, op.member, value);
+}
+
+// LoggedMethod() on the row's member.
+template <const auto& Table, std::size_t I>
+int Call(const Writer& append = {}, const Reader& read = {}, bool remote = false) {
+    const Operation& op = Row<Table, I, Kind::Method>();
+    return LoggedMethod(op.where, op.macro, op.service, op.Path(remote), op.interface, op.member, append,
+                        read);
+}
+
+// Call() whose reply is one value of type T; `value` is only written on success.
+template <const auto& Table, std::size_t I, typename T>
+int Query(T& value, const Writer& append = {}, bool remote = false) {
+    T read{};
+    const int r = Call<Table, I>(append, Into(read), remote);
+    if (r >= 0)
+        value = std::move(read);
+    return r;
+}
+
+// All properties of the row's interface, "<where>: sdbus_utils::GetAllProperties failed <error>" logged.
+int GetAllProperties(const Operation& op, bool remote, sdbus_utils::TypedPropertyMap& properties);
+
+template <const auto& Table, std::size_t I>
+int GetAll(sdbus_utils::TypedPropertyMap& properties, bool remote = false) {
+    return GetAllProperties(Row<Table, I, Kind::GetAll>(), remote, properties);
 }
 
 }  // namespace SiblingCall

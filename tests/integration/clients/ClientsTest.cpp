@@ -10,8 +10,11 @@
 #include "test_support/LoopHelpers.h"
 #include "SimControl.h"
 #include "clients/NetworkDaemonDbusHandler.h"
+#include "clients/NetworkOperations.h"
 #include "clients/PylonDaemonDbusHandler.h"
+#include "clients/PylonOperations.h"
 #include "clients/SettingsDaemonDbusHandler.h"
+#include "clients/SettingsOperations.h"
 #include "logging/Log.h"
 #include "test_support/TestEnv.h"
 
@@ -56,6 +59,51 @@ size_t CallsOf(const char* destination, const char* path, const char* method) {
         ++n;
     sd_bus_message_unref(reply);
     return n;
+}
+
+// The calls dbusmock recorded for the method of `row` on its (local) object.
+size_t CallsOf(const SiblingCall::Operation& row) {
+    return CallsOf(row.service, row.path, row.member);
+}
+
+// CallsOf() every method row of `table` (0 for the other rows).
+template <size_t N>
+std::vector<size_t> MethodCalls(const SiblingCall::Operation (&table)[N]) {
+    std::vector<size_t> calls;
+    for (const auto& row : table)
+        calls.push_back(row.kind == SiblingCall::Kind::Method ? CallsOf(row) : 0);
+    return calls;
+}
+
+// Every method row of `table` was called on the simulated daemon since `before` (MethodCalls()).
+template <size_t N>
+void ExpectEveryMethodRowCalledSince(const SiblingCall::Operation (&table)[N],
+                                     const std::vector<size_t>& before) {
+    const std::vector<size_t> after = MethodCalls(table);
+    for (size_t i = 0; i < N; ++i) {
+        if (table[i].kind == SiblingCall::Kind::Method) {
+            EXPECT_GT(after[i], before[i]) << table[i].name;
+        }
+    }
+}
+
+// Every property row of `table` names a property that its object (each of its objects) has on the simulated
+// daemon, with the interface of the row.
+template <size_t N>
+void ExpectEveryPropertyRowOnTheSimulation(const SiblingCall::Operation (&table)[N]) {
+    for (const auto& row : table) {
+        if (row.kind != SiblingCall::Kind::PropertyGet && row.kind != SiblingCall::Kind::PropertySet)
+            continue;
+        for (const char* path : {row.path, row.remotePath}) {
+            if (path == nullptr)
+                continue;
+            EXPECT_GE(TestSupport::CallMethod(TestSupport::Bus::User, row.service, path,
+                                              "org.freedesktop.DBus.Properties", "Get", nullptr, "ss",
+                                              row.interface, row.member),
+                      0)
+                << row.name << " on " << path;
+        }
+    }
 }
 
 class Clients : public ::testing::Test {
@@ -239,13 +287,9 @@ TEST_F(SettingsClient, ResetsRestoreTheDefaultsAndAreAnnounced) {
     EXPECT_EQ(bluetooth.maps[2].size(), 8u);
     EXPECT_GE(SettingsDaemonDbusHandler::ResetToDefaults(true), 0);
     ASSERT_TRUE(PumpUntil([&] { return bluetooth.maps.size() == 4; }));
-    EXPECT_EQ(
-        capture.Texts(),
-        (std::vector<std::string>{
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSetting(const std::string&, const "
-            "std::string&)",
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&)",
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetToDefaults(bool)"}));
+    auto where = [](const char* name) { return SiblingCall::Find(Settingsd::kOperations, name).where; };
+    EXPECT_EQ(capture.Texts(), (std::vector<std::string>{where("ResetSetting"), where("ResetSection"),
+                                                         where("ResetToDefaults")}));
     for (const auto& line : capture.Lines())
         EXPECT_EQ(line.priority, LOG_INFO);
 }
@@ -256,18 +300,12 @@ TEST_F(SettingsClient, AResetTheDaemonRefusesIsLoggedWithItsResult) {
     EXPECT_LT(r, 0);
     const int s = SettingsDaemonDbusHandler::ResetSetting("bluetooth", "nosuchkey");
     EXPECT_LT(s, 0);
-    EXPECT_EQ(
-        capture.Texts(),
-        (std::vector<std::string>{
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&)",
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&):"
-            "sd_bus_call_method call failed (r = " +
-                std::to_string(r) + ")",
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSetting(const std::string&, const "
-            "std::string&)",
-            "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSetting(const std::string&, const "
-            "std::string&):sd_bus_call_method call failed (r = " +
-                std::to_string(s) + ")"}));
+    const std::string section = SiblingCall::Find(Settingsd::kOperations, "ResetSection").where;
+    const std::string setting = SiblingCall::Find(Settingsd::kOperations, "ResetSetting").where;
+    EXPECT_EQ(capture.Texts(),
+              (std::vector<std::string>{
+                  section, section + ":sd_bus_call_method call failed (r = " + std::to_string(r) + ")",
+                  setting, setting + ":sd_bus_call_method call failed (r = " + std::to_string(s) + ")"}));
 }
 
 // -------------------------------------------------------------------------------------------- network
@@ -309,16 +347,21 @@ TEST_F(NetworkClient, TheInitialReadHoldsEveryWiFiProperty) {
 
 TEST_F(NetworkClient, EveryOperationWorksAgainstTheSimulation) {
     using N = NetworkDaemonDbusHandler;
+    ExpectEveryPropertyRowOnTheSimulation(Networkd::kOperations);
+    const auto methodCalls = MethodCalls(Networkd::kOperations);
     Logging::Capture capture;
-    const size_t scans = CallsOf(kNetwork, Networkd::kObjectPath, "Scan");
-    const size_t connects = CallsOf(kNetwork, Networkd::kObjectPath, "Connect");
-    const size_t disconnects = CallsOf(kNetwork, Networkd::kObjectPath, "Disconnect");
+    const auto& scan = SiblingCall::Find(Networkd::kOperations, "Scan");
+    const auto& connect = SiblingCall::Find(Networkd::kOperations, "Connect");
+    const auto& disconnect = SiblingCall::Find(Networkd::kOperations, "Disconnect");
+    const size_t scans = CallsOf(scan);
+    const size_t connects = CallsOf(connect);
+    const size_t disconnects = CallsOf(disconnect);
     EXPECT_GE(N::Scan(), 0);
     EXPECT_GE(N::Connect("camera-ap", "secret"), 0);
     EXPECT_GE(N::Disconnect(), 0);
-    EXPECT_EQ(CallsOf(kNetwork, Networkd::kObjectPath, "Scan"), scans + 1);
-    EXPECT_EQ(CallsOf(kNetwork, Networkd::kObjectPath, "Connect"), connects + 1);
-    EXPECT_EQ(CallsOf(kNetwork, Networkd::kObjectPath, "Disconnect"), disconnects + 1);
+    EXPECT_EQ(CallsOf(scan), scans + 1);
+    EXPECT_EQ(CallsOf(connect), connects + 1);
+    EXPECT_EQ(CallsOf(disconnect), disconnects + 1);
 
     std::string text;
     EXPECT_EQ(N::SetMode("client"), 0);
@@ -365,6 +408,7 @@ TEST_F(NetworkClient, EveryOperationWorksAgainstTheSimulation) {
     EXPECT_EQ(aps[0], (Networkd::AccessPoint{"unit-sim-ap", 6, -40, true}));
     EXPECT_EQ(aps[1], (Networkd::AccessPoint{"neighbour", 11, -71, false}));
     EXPECT_TRUE(capture.Lines().empty());
+    ExpectEveryMethodRowCalledSince(Networkd::kOperations, methodCalls);
 }
 
 // ---------------------------------------------------------------------------------------------- power
@@ -503,6 +547,8 @@ TEST_F(PowerClient, TheInitialReadHoldsThePowerPropertiesOfTheChosenObject) {
 
 TEST_F(PowerClient, EveryOperationWorksAgainstTheSimulation) {
     using P = PylonDaemonDbusHandler;
+    ExpectEveryPropertyRowOnTheSimulation(Pylond::kOperations);
+    const auto methodCalls = MethodCalls(Pylond::kOperations);
     Logging::Capture capture;
     int32_t i32 = -1;
     uint32_t u32 = 99;
@@ -541,9 +587,10 @@ TEST_F(PowerClient, EveryOperationWorksAgainstTheSimulation) {
     EXPECT_EQ(std::get<2>(icons), "battery-none");
     EXPECT_GE(P::GetBatteryInfo(1, text), 0);
     EXPECT_EQ(text, "battery 1: type 1, 85%");
-    const size_t requests = CallsOf(kPylon, Pylond::kPowerPath, "RequestBatteryData");
+    const auto& request = SiblingCall::Find(Pylond::kOperations, "RequestGetBatteryData");
+    const size_t requests = CallsOf(request);
     EXPECT_GE(P::RequestGetBatteryData(), 0);
-    EXPECT_EQ(CallsOf(kPylon, Pylond::kPowerPath, "RequestBatteryData"), requests + 1);
+    EXPECT_EQ(CallsOf(request), requests + 1);
     flag = false;
     EXPECT_GE(P::GetPowerSufficientForAction(3, flag), 0);
     EXPECT_TRUE(flag);
@@ -552,18 +599,21 @@ TEST_F(PowerClient, EveryOperationWorksAgainstTheSimulation) {
     EXPECT_GE(P::GetBatteryUpdateDirection(u32), 0);
     EXPECT_EQ(u32, 1u);
 
-    const size_t powerStates = CallsOf(kPylon, Pylond::kObjectPath, "SetPowerState");
-    const size_t leds = CallsOf(kPylon, Pylond::kObjectPath, "SetLedState");
-    const size_t beeps = CallsOf(kPylon, Pylond::kObjectPath, "BeepBuzzer");
+    const auto& setPowerState = SiblingCall::Find(Pylond::kOperations, "SetPowerState");
+    const auto& setLedState = SiblingCall::Find(Pylond::kOperations, "SetLedState");
+    const auto& beepBuzzer = SiblingCall::Find(Pylond::kOperations, "BeepBuzzer");
+    const size_t powerStates = CallsOf(setPowerState);
+    const size_t leds = CallsOf(setLedState);
+    const size_t beeps = CallsOf(beepBuzzer);
     EXPECT_GE(P::SetPowerState(2, 5), 0);
-    EXPECT_EQ(CallsOf(kPylon, Pylond::kObjectPath, "SetPowerState"), powerStates + 1);
+    EXPECT_EQ(CallsOf(setPowerState), powerStates + 1);
     std::array<bool, 6> states{};
     EXPECT_GE(P::GetPowerStates(states), 0);
     EXPECT_EQ(states, (std::array<bool, 6>{true, true, false, true, false, false}));
     EXPECT_GE(P::SetLedState(1, 2), 0);
-    EXPECT_EQ(CallsOf(kPylon, Pylond::kObjectPath, "SetLedState"), leds + 1);
+    EXPECT_EQ(CallsOf(setLedState), leds + 1);
     EXPECT_GE(P::BeepBuzzer(2, 100, 50), 0);
-    EXPECT_EQ(CallsOf(kPylon, Pylond::kObjectPath, "BeepBuzzer"), beeps + 1);
+    EXPECT_EQ(CallsOf(beepBuzzer), beeps + 1);
     EXPECT_GE(P::SetRemote("10.1.1.9", "tcp:host=10.1.1.9,port=5555"), 0);
     EXPECT_EQ(P::GetRemoteIP(text), 0);
     EXPECT_EQ(text, "10.1.1.9");
@@ -616,4 +666,5 @@ TEST_F(PowerClient, EveryOperationWorksAgainstTheSimulation) {
     P::SetCpuTempAvgPeriod(10);
     P::SetEmitStatusChanges(true);
     EXPECT_TRUE(capture.Lines().empty());
+    ExpectEveryMethodRowCalledSince(Pylond::kOperations, methodCalls);
 }

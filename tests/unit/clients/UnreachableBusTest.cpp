@@ -14,8 +14,11 @@
 #include <vector>
 
 #include "clients/NetworkDaemonDbusHandler.h"
+#include "clients/NetworkOperations.h"
 #include "clients/PylonDaemonDbusHandler.h"
+#include "clients/PylonOperations.h"
 #include "clients/SettingsDaemonDbusHandler.h"
+#include "clients/SettingsOperations.h"
 #include "logging/Log.h"
 
 namespace {
@@ -213,11 +216,10 @@ TEST_F(ReadWithoutBus, MethodCallsLogThatTheConnectionCouldNotBeOpened) {
     EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::ResetSection("bluetooth"), -ENOENT);
     EXPECT_EQ(Networkd::NetworkDaemonDbusHandler::Scan(), -ENOENT);
     EXPECT_EQ(Pylond::PylonDaemonDbusHandler::SetLocal(), -ENOENT);
-    EXPECT_EQ(capture.Texts(),
-              (std::vector<std::string>{
-                  "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&)",
-                  "static int32_t Settingsd::SettingsDaemonDbusHandler::ResetSection(const std::string&): "
-                  "sd_bus_open_user failed",
-                  "static int Networkd::NetworkDaemonDbusHandler::Scan(): sd_bus_open_user failed",
-                  "static int Pylond::PylonDaemonDbusHandler::SetLocal(): sd_bus_open_user failed"}));
+    const std::string reset = SiblingCall::Find(Settingsd::kOperations, "ResetSection").where;
+    const std::string scan = SiblingCall::Find(Networkd::kOperations, "Scan").where;
+    const std::string setLocal = SiblingCall::Find(Pylond::kOperations, "SetLocal").where;
+    EXPECT_EQ(capture.Texts(), (std::vector<std::string>{reset, reset + ": sd_bus_open_user failed",
+                                                         scan + ": sd_bus_open_user failed",
+                                                         setLocal + ": sd_bus_open_user failed"}));
 }
