@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "OperationLines.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/NetworkOperations.h"
 #include "clients/PylonDaemonDbusHandler.h"
@@ -15,6 +14,7 @@
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "clients/SettingsOperations.h"
 #include "logging/Log.h"
+#include "test_support/OperationLines.h"
 #include "test_support/TestEnv.h"
 
 using Networkd::NetworkDaemonDbusHandler;

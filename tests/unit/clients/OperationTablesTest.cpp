@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "OperationLines.h"
 #include "clients/NetworkOperations.h"
 #include "clients/PylonOperations.h"
 #include "clients/SettingsOperations.h"
+#include "test_support/OperationLines.h"
 
 using ClientsTest::FailureLine;
 using SiblingCall::Find;
