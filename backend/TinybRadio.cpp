@@ -5,7 +5,9 @@
 #include <ctime>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 
+#include "backend/TinybNotifyCharacteristic.h"
 #include "logging/Log.h"
 #include "tinyb/tinyb.hpp"
 
@@ -300,6 +302,14 @@ bool TinybRadio::WriteCharacteristic(const std::string& mac, const std::string& 
     if (written && delayMs > 0)
         SleepMs(delayMs);
     return written;
+}
+
+std::unique_ptr<NotifyCharacteristic> TinybRadio::GetNotifyCharacteristic(
+    const std::string& mac, const std::string& serviceUuidPart, const std::string& characteristicUuidPart) {
+    auto characteristic = GetCharacteristic(mac, serviceUuidPart, characteristicUuidPart);
+    if (!characteristic)
+        return nullptr;
+    return std::make_unique<TinybNotifyCharacteristic>(std::move(characteristic));
 }
 
 bool TinybRadio::WaitForServiceDiscovery(const std::string& mac, unsigned timeoutSeconds) {

@@ -7,8 +7,8 @@
 
 #include "logging/Log.h"
 #include "remote_camera/CameraProtocol.h"
-#include "remote_camera/TinybGattAccess.h"
 #include "scanned_device/RemoteCamera.h"
+#include "vocabulary/Vocabulary.h"
 
 namespace {
 
@@ -19,11 +19,8 @@ bool IsAnswer(const std::vector<uint8_t>& value) {
 
 }  // namespace
 
-KelpBleManager::KelpBleManager(std::shared_ptr<Backend::RadioInterface> radio)
-    : KelpBleManager(std::make_shared<KelpGatt::TinybGattAccess>(std::move(radio))) {}
-
-KelpBleManager::KelpBleManager(std::shared_ptr<KelpGatt::Access> gatt, Sleeper sleep)
-    : gatt(std::move(gatt)), sleep(std::move(sleep)), notifier(std::make_shared<Notifier>()) {}
+KelpBleManager::KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep)
+    : radio(std::move(radio)), sleep(std::move(sleep)), notifier(std::make_shared<Notifier>()) {}
 
 KelpBleManager::~KelpBleManager() = default;
 
@@ -37,22 +34,23 @@ void KelpBleManager::RealSleep(std::chrono::milliseconds duration) {
 
 bool KelpBleManager::IsRemoteCamera(const std::shared_ptr<ScannedDevice::Base>& device) {
     const auto* camera = dynamic_cast<const ScannedDevice::RemoteCamera*>(device.get());
-    return camera != nullptr && camera->DeviceType() == kKelpCamDeviceType;
+    return camera != nullptr && camera->DeviceType() == kRemoteCameraDeviceType;
 }
 
 bool KelpBleManager::WriteCommand(const std::string& mac, const std::vector<uint8_t>& command) {
-    return gatt->WriteCharacteristic(mac, kServiceUuidPart, kCommandUuidPart, command, kWriteDelayMs);
+    return radio &&
+           radio->WriteCharacteristic(mac, kServiceUuidPart, kCommandUuidPart, command, kWriteDelayMs);
 }
 
 bool KelpBleManager::Subscribe(const std::shared_ptr<ScannedDevice::RemoteCamera>& device) {
     if (!IsRemoteCamera(device))
         return false;
     const std::string mac = device->Mac();
-    if (!gatt->ConnectDevice(mac, true))
+    if (!radio || !radio->ConnectDevice(mac, true))
         return false;
-    if (!gatt->WaitForServiceDiscovery(mac, kServiceDiscoverySeconds))
+    if (!radio->WaitForServiceDiscovery(mac, kServiceDiscoverySeconds))
         return false;
-    auto characteristic = gatt->GetCharacteristic(mac, kServiceUuidPart, kAnswerUuidPart);
+    auto characteristic = radio->GetNotifyCharacteristic(mac, kServiceUuidPart, kAnswerUuidPart);
     if (!characteristic)
         return false;
 
@@ -94,7 +92,8 @@ bool KelpBleManager::Unsubscribe(const std::shared_ptr<ScannedDevice::RemoteCame
         std::lock_guard<std::mutex> lock(subscriptionsMutex);
         subscriptions.erase(mac);
     }
-    return gatt->ConnectDevice(mac, false);
+    // An entry exists only through Subscribe, so the radio is there.
+    return radio->ConnectDevice(mac, false);
 }
 
 bool KelpBleManager::ReadBleInfo(const std::shared_ptr<ScannedDevice::RemoteCamera>& device,

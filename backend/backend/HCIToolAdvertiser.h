@@ -7,12 +7,12 @@
 #include <memory>
 #include <string>
 
-#include "backend/AdvertiserInterface.h"
+#include "backend/Advertiser.h"
 #include "scan_response/ScanResponse.h"
 
 namespace Backend {
 
-class HCIToolAdvertiser final : public AdvertiserInterface {
+class HCIToolAdvertiser final : public Advertiser {
   public:
     // Runs one shell command line and returns its raw wait status, as system() does.
     using CommandRunner = std::function<int(const char*)>;
@@ -29,20 +29,20 @@ class HCIToolAdvertiser final : public AdvertiserInterface {
 
     // Makes the attached payload re-read the unit's state. Sends nothing: the bytes go out at the next
     // StartAdvertising().
-    void RefreshScanResponse();
+    void RefreshScanResponse() override;
 
     // The payload sent as scan response; empty for none. Shared so that it stays alive while attached.
-    void SetScanResponse(std::shared_ptr<ScanResponse::Base> payload);
-    const std::shared_ptr<ScanResponse::Base>& GetScanResponse() const { return scanResponse; }
+    void SetScanResponse(std::shared_ptr<ScanResponse::Base> payload) override;
+    const std::shared_ptr<ScanResponse::Base>& GetScanResponse() const override { return scanResponse; }
 
     // When true, commands keep their output on the daemon's stdout and stderr.
-    void SetSystemCallDebug(bool enabled) { systemCallDebug = enabled; }
-    bool GetSystemCallDebug() const { return systemCallDebug; }
+    void SetSystemCallDebug(bool enabled) override { systemCallDebug = enabled; }
+    bool GetSystemCallDebug() const override { return systemCallDebug; }
 
     // Always true: there is nothing to open, and a missing tool only shows as a failing status.
-    bool IsUsable() const { return true; }
-    bool IsConfigured() const { return configured; }
-    bool IsAdvertising() const { return advertising; }
+    bool IsUsable() const override { return true; }
+    bool IsConfigured() const override { return configured; }
+    bool IsAdvertising() const override { return advertising; }
 
   private:
     int RunCommand(std::string& command);

@@ -1,7 +1,6 @@
 #pragma once
-// The radio over tinyb (BlueZ's D-Bus API). Besides the adapter switches and the device operations of
-// RadioInterface it offers the lookups that the scanner and the remote-camera manager share, and the GATT
-// operations the remote-camera manager drives a camera with.
+// The radio over tinyb (BlueZ's D-Bus API): Radio's switches, device and GATT operations, and besides them
+// the tinyb lookups that the scanner shares.
 //
 // No tinyb exception leaves the radio, except from TrustDevice: each one is logged as
 // "TinyB exception hit in <operation>: <text>" and becomes false or a null pointer. All operations block the
@@ -12,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "backend/RadioInterface.h"
+#include "backend/Radio.h"
 
 namespace tinyb {
 class BluetoothAdapter;
@@ -24,20 +23,20 @@ class BluetoothManager;
 
 namespace Backend {
 
-class TinybRadio : public RadioInterface {
+class TinybRadio : public Radio {
   public:
     // Polls after a switch before it gives up, 100 ms apart.
     static constexpr int kStateRetries = 5;
     static constexpr int kStatePollMs = 100;
     static constexpr int kServiceDiscoveryPollMs = 250;
 
-    // Obtains the tinyb manager and the default adapter; IsValid() tells whether that worked.
+    // Obtains the tinyb manager and the default adapter; IsUsable() tells whether that worked.
     TinybRadio();
     ~TinybRadio();
     TinybRadio(const TinybRadio&) = delete;
     TinybRadio& operator=(const TinybRadio&) = delete;
 
-    bool IsValid() const { return valid; }
+    bool IsUsable() const override { return valid; }
 
     // Reads the state first and only switches when it differs; then polls until BlueZ reflects it.
     bool SetPowered(bool on) override;
@@ -53,7 +52,7 @@ class TinybRadio : public RadioInterface {
     bool GetPairable() override;
     bool GetDiscoverable() override;
 
-    // --- Lookups shared with the scanner and the remote-camera manager. Each returns null on failure.
+    // --- Lookups shared with the scanner. Each returns null on failure.
     // tinyb's process-wide manager (not owned by the caller).
     static tinyb::BluetoothManager* GetManager();
     // The first of BlueZ's devices whose address equals `mac` exactly (case-sensitive).
@@ -73,15 +72,19 @@ class TinybRadio : public RadioInterface {
     // --- GATT operations on a characteristic found by address and UUID fragments.
     // Reads from offset 0 into `out` (left untouched on failure).
     bool ReadCharacteristic(const std::string& mac, const std::string& serviceUuidPart,
-                            const std::string& characteristicUuidPart, std::vector<uint8_t>& out);
+                            const std::string& characteristicUuidPart, std::vector<uint8_t>& out) override;
     // After a successful write, sleeps `delayMs` (when positive) so that the peer can act before the next
     // command. A failed write returns at once.
     bool WriteCharacteristic(const std::string& mac, const std::string& serviceUuidPart,
                              const std::string& characteristicUuidPart, const std::vector<uint8_t>& value,
-                             int delayMs);
+                             int delayMs) override;
     // Polls BlueZ's ServicesResolved every 250 ms, 4 x `timeoutSeconds` times at most. False at once for
     // an unknown or disconnected device, and for a timeout of 0.
-    bool WaitForServiceDiscovery(const std::string& mac, unsigned timeoutSeconds);
+    bool WaitForServiceDiscovery(const std::string& mac, unsigned timeoutSeconds) override;
+    // A TinybNotifyCharacteristic over the characteristic GetCharacteristic finds.
+    std::unique_ptr<NotifyCharacteristic> GetNotifyCharacteristic(
+        const std::string& mac, const std::string& serviceUuidPart,
+        const std::string& characteristicUuidPart) override;
 
   private:
     enum class Switch { Powered, Pairable, Discoverable };

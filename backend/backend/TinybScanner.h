@@ -6,12 +6,11 @@
 // A pass runs on the calling thread and blocks in BlueZ calls. The scanner has no lock: its owner
 // serialises passes and readers of Devices(). Slots of NewRemoteCamera() run inside the pass.
 
-#include <sigc++/sigc++.h>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "backend/ScannerInterface.h"
+#include "backend/Scanner.h"
 
 namespace tinyb {
 class BluetoothDevice;
@@ -24,21 +23,18 @@ class Base;
 
 namespace Backend {
 
-class TinybScanner : public ScannerInterface {
+class TinybScanner : public Scanner {
   public:
-    using DeviceList = std::vector<std::shared_ptr<ScannedDevice::Base>>;
-    using NewRemoteCameraSignal = sigc::signal<void(const std::string&)>;
-
     // Passes a device may be missing from BlueZ's list before it is dropped.
     static constexpr int kMissCredit = 2;
 
-    // Obtains the tinyb manager; IsValid() tells whether that worked. Scan() must not run otherwise.
+    // Obtains the tinyb manager; IsUsable() tells whether that worked. Scan() must not run otherwise.
     TinybScanner();
     ~TinybScanner();
     TinybScanner(const TinybScanner&) = delete;
     TinybScanner& operator=(const TinybScanner&) = delete;
 
-    bool IsValid() const { return valid; }
+    bool IsUsable() const override { return valid; }
 
     // One pass: discovery on, BlueZ's current device list, discovery off, ageing. 0, or -1 when starting or
     // stopping discovery failed. Manufacturer data of exactly two octets under our company identifier
@@ -50,9 +46,9 @@ class TinybScanner : public ScannerInterface {
     int ForgetAllDevices();
 
     // The known devices, in order of first discovery.
-    const DeviceList& Devices() const { return devices; }
+    const DeviceList& Devices() const override { return devices; }
     // Emitted with the JSON text of each newly discovered remote camera.
-    NewRemoteCameraSignal& NewRemoteCamera() { return newRemoteCamera; }
+    NewRemoteCameraSignal& NewRemoteCamera() override { return newRemoteCamera; }
 
     // A RemoteCamera when the manufacturer data carry our payload with a device type of 1..9, otherwise a
     // Generic device; then filled from `device`. tinyb exceptions and the payload decoder's

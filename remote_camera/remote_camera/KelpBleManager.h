@@ -21,11 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "remote_camera/GattAccess.h"
-
-namespace Backend {
-class RadioInterface;
-}
+#include "backend/Radio.h"
 
 namespace ScannedDevice {
 class Base;
@@ -39,7 +35,6 @@ class KelpBleManager {
     // Carries the camera's JSON document (ScannedDevice::RemoteCamera::ToJson, compact).
     using NewDataSignal = sigc::signal<void(const std::string&)>;
 
-    static constexpr uint16_t kKelpCamDeviceType = 7;
     static constexpr const char* kServiceUuidPart = "fdeafdea";
     static constexpr const char* kCommandUuidPart = "fdea0001";
     static constexpr const char* kAnswerUuidPart = "fdea0002";
@@ -50,16 +45,16 @@ class KelpBleManager {
     static constexpr std::chrono::milliseconds kWiFiFrequencyPoll{250};
     static constexpr std::chrono::milliseconds kWiFiPoll{1000};
 
-    // Over the daemon's radio (a Backend::TinybRadio for the GATT operations).
-    explicit KelpBleManager(std::shared_ptr<Backend::RadioInterface> radio);
-    // Over any GATT access; `sleep` replaces the real sleeps (tests count them instead of waiting).
-    explicit KelpBleManager(std::shared_ptr<KelpGatt::Access> gatt, Sleeper sleep = RealSleep);
+    // Over the daemon's radio, which carries the connections and the GATT operations; with a null radio
+    // nothing reaches a camera. `sleep` replaces the real sleeps (tests count them instead of waiting).
+    explicit KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep = RealSleep);
     ~KelpBleManager();
     KelpBleManager(const KelpBleManager&) = delete;
     KelpBleManager& operator=(const KelpBleManager&) = delete;
 
-    // True for a ScannedDevice::RemoteCamera whose device type is 7. Every operation but Unsubscribe
-    // serves only such devices and returns false for any other without touching the radio.
+    // True for a ScannedDevice::RemoteCamera whose device type is kRemoteCameraDeviceType (7). Every
+    // operation but Unsubscribe serves only such devices and returns false for any other without touching
+    // the radio.
     static bool IsRemoteCamera(const std::shared_ptr<ScannedDevice::Base>& device);
 
     // Connects, waits for service discovery (7 s), and routes the camera's notifications to its record.
@@ -98,14 +93,14 @@ class KelpBleManager {
     };
 
     struct Subscription {
-        std::unique_ptr<KelpGatt::NotifyCharacteristic> characteristic;
+        std::unique_ptr<Backend::NotifyCharacteristic> characteristic;
         // Passes each notified value to the camera's record.
         sigc::signal<void(std::vector<uint8_t>&)> notified;
     };
 
     bool WriteCommand(const std::string& mac, const std::vector<uint8_t>& command);
 
-    std::shared_ptr<KelpGatt::Access> gatt;
+    std::shared_ptr<Backend::Radio> radio;
     Sleeper sleep;
     std::shared_ptr<Notifier> notifier;
     std::mutex subscriptionsMutex;

@@ -44,7 +44,7 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
 
 std::shared_ptr<ScannedDevice::RemoteCamera> FindCamera(const std::string& mac, nlohmann::json& result) {
     Backend::TinybScanner scanner;
-    if (!scanner.IsValid()) {
+    if (!scanner.IsUsable()) {
         return nullptr;
     }
     const auto start = Clock::now();
@@ -109,7 +109,7 @@ int main(int argc, char** argv) {
         return finish();
     }
     auto radio = std::make_shared<Backend::TinybRadio>();
-    if (!radio->IsValid()) {
+    if (!radio->IsUsable()) {
         problems.push_back("the radio could not reach BlueZ");
         return finish();
     }

@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
 
     nlohmann::json result{{"switch", which}, {"wanted", wanted}};
     Backend::TinybRadio radio;
-    if (!radio.IsValid()) {
+    if (!radio.IsUsable()) {
         result["ok"] = false;
         result["problem"] = "the radio could not reach BlueZ";
         std::printf("RESULT %s\n", result.dump().c_str());

@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
     }
 
     Backend::TinybScanner scanner;
-    if (!scanner.IsValid()) {
+    if (!scanner.IsUsable()) {
         result["ok"] = false;
         result["problems"] = {"the scanner could not reach BlueZ"};
         std::printf("RESULT %s\n", result.dump().c_str());

@@ -34,7 +34,7 @@ class RadioTest : public BackendTest::BluezFixture {
         if (HasFatalFailure())
             return;
         radio = std::make_unique<Backend::TinybRadio>();
-        ASSERT_TRUE(radio->IsValid());
+        ASSERT_TRUE(radio->IsUsable());
     }
 
     // A device with two services whose UUIDs both contain "abcd", the second with two characteristics

@@ -47,7 +47,7 @@ int main(int argc, char** argv) {
         return Usage();
 
     Backend::TinybScanner scanner;
-    if (!scanner.IsValid()) {
+    if (!scanner.IsUsable()) {
         std::fprintf(stderr, "no BlueZ to scan with\n");
         return 1;
     }

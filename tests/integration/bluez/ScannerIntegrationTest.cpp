@@ -45,7 +45,7 @@ class ScannerTest : public BackendTest::BluezFixture {
         if (HasFatalFailure())
             return;
         scanner = std::make_unique<Backend::TinybScanner>();
-        ASSERT_TRUE(scanner->IsValid());
+        ASSERT_TRUE(scanner->IsUsable());
         scanner->NewRemoteCamera().connect([this](const std::string& json) {
             announced.push_back(json);
             linesAtAnnouncement.push_back(capture.Texts());

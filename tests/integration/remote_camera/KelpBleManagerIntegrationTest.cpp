@@ -102,8 +102,8 @@ class KelpIntegration : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness()) << "run through tests/harness/testenv.py";
         radio = std::make_shared<Backend::TinybRadio>();
-        ASSERT_TRUE(radio->IsValid());
-        manager = std::make_shared<KelpBleManager>(std::static_pointer_cast<Backend::RadioInterface>(radio));
+        ASSERT_TRUE(radio->IsUsable());
+        manager = std::make_shared<KelpBleManager>(radio);
         manager->NewData().connect([this](const std::string& json) {
             std::lock_guard<std::mutex> lock(documentsMutex);
             documents.push_back(json);

@@ -15,16 +15,15 @@
 #include <thread>
 #include <vector>
 
-#include "FakeGatt.h"
-#include "backend/RadioInterface.h"
 #include "logging/Log.h"
 #include "scanned_device/RemoteCamera.h"
 #include "scanned_device/ScannedDevice.h"
+#include "test_support/FakeRadio.h"
 #include "test_support/TestEnv.h"
 
-using KelpTest::FakeGatt;
-using KelpTest::Write;
 using ::testing::ElementsAre;
+using TestSupport::FakeRadio;
+using TestSupport::GattWrite;
 using namespace std::chrono_literals;
 
 namespace {
@@ -43,7 +42,7 @@ std::shared_ptr<ScannedDevice::RemoteCamera> MakeCamera(uint16_t deviceType, con
 class Kelp : public ::testing::Test {
   protected:
     void SetUp() override {
-        manager = std::make_unique<KelpBleManager>(gatt, [this](std::chrono::milliseconds duration) {
+        manager = std::make_unique<KelpBleManager>(radio, [this](std::chrono::milliseconds duration) {
             sleeps.push_back(duration);
             if (onSleep)
                 onSleep(sleeps.size());
@@ -61,7 +60,7 @@ class Kelp : public ::testing::Test {
 
     std::vector<std::string> WrittenValues() const {
         std::vector<std::string> values;
-        for (const Write& write : gatt->writes)
+        for (const GattWrite& write : radio->writes)
             values.push_back(write.value);
         return values;
     }
@@ -73,7 +72,7 @@ class Kelp : public ::testing::Test {
         return count;
     }
 
-    std::shared_ptr<FakeGatt> gatt = std::make_shared<FakeGatt>();
+    std::shared_ptr<FakeRadio> radio = std::make_shared<FakeRadio>();
     std::vector<std::chrono::milliseconds> sleeps;
     // Runs at each sleep (1-based number): the time in which the camera acts.
     std::function<void(size_t)> onSleep;
@@ -112,8 +111,8 @@ TEST_F(Kelp, Type3DeviceIsRefusedAtOnceByEveryOperation) {
     EXPECT_FALSE(manager->ConfigureWiFiFrequency(other, "5.0", 5));
     EXPECT_FALSE(manager->WaitForWiFi(other, 20));
 
-    EXPECT_TRUE(gatt->calls.empty()) << ::testing::PrintToString(gatt->calls);
-    EXPECT_TRUE(gatt->writes.empty());
+    EXPECT_TRUE(radio->calls.empty()) << ::testing::PrintToString(radio->calls);
+    EXPECT_TRUE(radio->writes.empty());
     EXPECT_TRUE(sleeps.empty());
     // WaitForWiFi still reports its failure, and only that.
     const auto lines = capture.Lines();
@@ -126,9 +125,9 @@ TEST_F(Kelp, UnsubscribeWorksByAddressAloneEvenForAnotherDeviceType) {
     ASSERT_TRUE(manager->Subscribe(camera));
     // Same address, but a record that would fail the type test.
     auto sameAddress = MakeCamera(3, kMac);
-    gatt->calls.clear();
+    radio->calls.clear();
     EXPECT_TRUE(manager->Unsubscribe(sameAddress));
-    EXPECT_THAT(gatt->calls, ElementsAre("notifying?", "disable", std::string("disconnect ") + kMac));
+    EXPECT_THAT(radio->calls, ElementsAre("notifying?", "disable", std::string("disconnect ") + kMac));
 }
 
 // ---------------------------------------------------------------- the subscription map
@@ -140,7 +139,7 @@ TEST_F(Kelp, UnsubscribingAnAddressNeverSubscribedThrowsMapAt) {
     } catch (const std::out_of_range& e) {
         EXPECT_STREQ(e.what(), "map::at");
     }
-    EXPECT_TRUE(gatt->calls.empty()) << "nothing reaches the radio";
+    EXPECT_TRUE(radio->calls.empty()) << "nothing reaches the radio";
 }
 
 TEST_F(Kelp, UnsubscribingTwiceThrowsTheSecondTime) {
@@ -150,7 +149,7 @@ TEST_F(Kelp, UnsubscribingTwiceThrowsTheSecondTime) {
 }
 
 TEST_F(Kelp, AFailedSubscribeLeavesNoEntry) {
-    gatt->discoveryResult = false;
+    radio->discoveryResult = false;
     EXPECT_FALSE(manager->Subscribe(camera));
     EXPECT_THROW(manager->Unsubscribe(camera), std::out_of_range);
 }
@@ -160,45 +159,45 @@ TEST_F(Kelp, AFailedSubscribeLeavesNoEntry) {
 TEST_F(Kelp, SubscribeConnectsWaitsForDiscoveryAndEnablesNotificationsOnTheAnswerCharacteristic) {
     EXPECT_TRUE(manager->Subscribe(camera));
     const std::string mac = kMac;
-    EXPECT_THAT(gatt->calls, ElementsAre("connect " + mac, "discover " + mac + " 7",
-                                         "characteristic " + mac + " fdeafdea fdea0002", "enable"));
-    EXPECT_TRUE(gatt->writes.empty());
+    EXPECT_THAT(radio->calls, ElementsAre("connect " + mac, "discover " + mac + " 7",
+                                          "characteristic " + mac + " fdeafdea fdea0002", "enable"));
+    EXPECT_TRUE(radio->writes.empty());
 }
 
 TEST_F(Kelp, SubscribeStopsAtAFailedConnection) {
-    gatt->connectResult = false;
+    radio->connectResult = false;
     EXPECT_FALSE(manager->Subscribe(camera));
-    EXPECT_THAT(gatt->calls, ElementsAre(std::string("connect ") + kMac));
+    EXPECT_THAT(radio->calls, ElementsAre(std::string("connect ") + kMac));
 }
 
 TEST_F(Kelp, SubscribeStopsAtAFailedServiceDiscovery) {
-    gatt->discoveryResult = false;
+    radio->discoveryResult = false;
     EXPECT_FALSE(manager->Subscribe(camera));
-    EXPECT_EQ(gatt->calls.size(), 2u);
-    EXPECT_EQ(gatt->calls.back(), std::string("discover ") + kMac + " 7");
+    EXPECT_EQ(radio->calls.size(), 2u);
+    EXPECT_EQ(radio->calls.back(), std::string("discover ") + kMac + " 7");
 }
 
 TEST_F(Kelp, SubscribeWithoutTheAnswerCharacteristicFails) {
-    gatt->characteristicPresent = false;
+    radio->characteristicPresent = false;
     EXPECT_FALSE(manager->Subscribe(camera));
-    EXPECT_EQ(gatt->calls.back(), std::string("characteristic ") + kMac + " fdeafdea fdea0002");
+    EXPECT_EQ(radio->calls.back(), std::string("characteristic ") + kMac + " fdeafdea fdea0002");
 }
 
 TEST_F(Kelp, SubscribeReturnsTheResultOfEnablingNotifications) {
-    gatt->enableResult = false;
+    radio->enableResult = false;
     EXPECT_FALSE(manager->Subscribe(camera));
-    EXPECT_EQ(gatt->calls.back(), "enable");
+    EXPECT_EQ(radio->calls.back(), "enable");
 }
 
 TEST_F(Kelp, NotificationsUpdateTheSubscribedCameraAndAnnounceItsDocument) {
     ASSERT_TRUE(manager->Subscribe(camera));
 
-    ASSERT_TRUE(gatt->Notify("V12\r"));
+    ASSERT_TRUE(radio->Notify("V12\r"));
     EXPECT_EQ(camera->BleVersion(), 12);
-    ASSERT_TRUE(gatt->Notify("F5.0R\r"));
+    ASSERT_TRUE(radio->Notify("F5.0R\r"));
     EXPECT_EQ(camera->WiFiState(), 'R');
     EXPECT_EQ(camera->WiFiFrequency(), "5.0");
-    ASSERT_TRUE(gatt->Notify("PZ\r"));
+    ASSERT_TRUE(radio->Notify("PZ\r"));
     EXPECT_EQ(camera->PowerState(), 'Z');
 
     const auto documents = NewData();
@@ -213,8 +212,8 @@ TEST_F(Kelp, NotificationsUpdateTheSubscribedCameraAndAnnounceItsDocument) {
 TEST_F(Kelp, EmptyAndUnknownValuesAnnounceNothing) {
     ASSERT_TRUE(manager->Subscribe(camera));
     Logging::Capture capture;
-    ASSERT_TRUE(gatt->Notify(KelpTest::Bytes{}));
-    ASSERT_TRUE(gatt->Notify("PZ"));
+    ASSERT_TRUE(radio->Notify(TestSupport::GattBytes{}));
+    ASSERT_TRUE(radio->Notify("PZ"));
     EXPECT_TRUE(NewData().empty());
     EXPECT_TRUE(capture.Contains("Unknown notification type found: 0x50", LOG_ERR));
     EXPECT_EQ(camera->PowerState(), 0);
@@ -224,7 +223,7 @@ TEST_F(Kelp, SubscribingAgainRoutesNotificationsToTheNewRecord) {
     ASSERT_TRUE(manager->Subscribe(camera));
     auto fresh = MakeCamera(7, kMac, "KelpCam-7 again");
     ASSERT_TRUE(manager->Subscribe(fresh));
-    ASSERT_TRUE(gatt->Notify("PY\r"));
+    ASSERT_TRUE(radio->Notify("PY\r"));
     EXPECT_EQ(fresh->PowerState(), 'Y');
     EXPECT_EQ(camera->PowerState(), 0);
     // Still one entry for the address.
@@ -237,7 +236,7 @@ TEST_F(Kelp, TheRecordStaysAliveWhileSubscribed) {
     ASSERT_TRUE(manager->Subscribe(camera));
     camera.reset();
     ASSERT_FALSE(watch.expired());
-    ASSERT_TRUE(gatt->Notify("PU\r"));
+    ASSERT_TRUE(radio->Notify("PU\r"));
     EXPECT_EQ(watch.lock()->PowerState(), 'U');
 }
 
@@ -245,20 +244,20 @@ TEST_F(Kelp, TheRecordStaysAliveWhileSubscribed) {
 
 TEST_F(Kelp, UnsubscribeSwitchesNotificationsOffThenDisconnects) {
     ASSERT_TRUE(manager->Subscribe(camera));
-    gatt->calls.clear();
+    radio->calls.clear();
     EXPECT_TRUE(manager->Unsubscribe(camera));
-    EXPECT_THAT(gatt->calls, ElementsAre("notifying?", "disable", std::string("disconnect ") + kMac));
-    EXPECT_FALSE(gatt->Notify("PZ\r")) << "the callback is withdrawn";
+    EXPECT_THAT(radio->calls, ElementsAre("notifying?", "disable", std::string("disconnect ") + kMac));
+    EXPECT_FALSE(radio->Notify("PZ\r")) << "the callback is withdrawn";
 }
 
 TEST_F(Kelp, UnsubscribeSkipsDisablingWhenNotNotifyingAndStillForgetsTheEntry) {
     ASSERT_TRUE(manager->Subscribe(camera));
-    gatt->DropNotifyingFlag();
-    gatt->calls.clear();
+    radio->DropNotifyingFlag();
+    radio->calls.clear();
     EXPECT_TRUE(manager->Unsubscribe(camera));
-    EXPECT_THAT(gatt->calls, ElementsAre("notifying?", std::string("disconnect ") + kMac));
+    EXPECT_THAT(radio->calls, ElementsAre("notifying?", std::string("disconnect ") + kMac));
     // A registration left behind no longer reaches the record.
-    ASSERT_TRUE(gatt->Notify("PZ\r"));
+    ASSERT_TRUE(radio->Notify("PZ\r"));
     EXPECT_EQ(camera->PowerState(), 0);
     EXPECT_TRUE(NewData().empty());
     EXPECT_THROW(manager->Unsubscribe(camera), std::out_of_range);
@@ -266,7 +265,7 @@ TEST_F(Kelp, UnsubscribeSkipsDisablingWhenNotNotifyingAndStillForgetsTheEntry) {
 
 TEST_F(Kelp, UnsubscribeReturnsTheDisconnectionResult) {
     ASSERT_TRUE(manager->Subscribe(camera));
-    gatt->disconnectResult = false;
+    radio->disconnectResult = false;
     EXPECT_FALSE(manager->Unsubscribe(camera));
     EXPECT_THROW(manager->Unsubscribe(camera), std::out_of_range) << "the entry is gone all the same";
 }
@@ -278,7 +277,7 @@ TEST_F(Kelp, ReadBleInfoWritesTheThreeReadCommandsInOrderAndReturnsTheDocument) 
     std::string json;
     EXPECT_TRUE(manager->ReadBleInfo(camera, json));
     EXPECT_THAT(WrittenValues(), ElementsAre("RV\r", "RF\r", "RP\r"));
-    for (const Write& write : gatt->writes) {
+    for (const GattWrite& write : radio->writes) {
         EXPECT_EQ(write.mac, kMac);
         EXPECT_EQ(write.service, "fdeafdea");
         EXPECT_EQ(write.characteristic, "fdea0001");
@@ -293,12 +292,12 @@ TEST_F(Kelp, ReadBleInfoReportsTheStateBeforeTheAnswersArrive) {
     std::string json;
     EXPECT_TRUE(manager->ReadBleInfo(camera, json));
     EXPECT_EQ(nlohmann::json::parse(json)["remote-cam-info"]["ble-info"]["bleVersion"], 0);
-    ASSERT_TRUE(gatt->Notify("V07\r"));
+    ASSERT_TRUE(radio->Notify("V07\r"));
     EXPECT_EQ(camera->BleVersion(), 7);
 }
 
 TEST_F(Kelp, ReadBleInfoFailsWhenAnyWriteFailsButSendsAllThree) {
-    gatt->writeResults = {true, false, true};
+    radio->writeResults = {true, false, true};
     std::string json = "untouched";
     EXPECT_FALSE(manager->ReadBleInfo(camera, json));
     EXPECT_EQ(json, "untouched");
@@ -306,7 +305,7 @@ TEST_F(Kelp, ReadBleInfoFailsWhenAnyWriteFailsButSendsAllThree) {
 }
 
 TEST_F(Kelp, ReadBleInfoFailsWhenTheLastWriteFails) {
-    gatt->writeResults = {true, true, false};
+    radio->writeResults = {true, true, false};
     std::string json;
     EXPECT_FALSE(manager->ReadBleInfo(camera, json));
     EXPECT_TRUE(json.empty());
@@ -318,17 +317,17 @@ TEST_F(Kelp, PowerWithSecondsZeroWritesOnceChecksOnceAndNeverSleeps) {
     camera->SetPowerState('U');
     EXPECT_FALSE(manager->ConfigurePowerState(camera, 'Z', 0));
     EXPECT_THAT(WrittenValues(), ElementsAre("WPZ\r"));
-    EXPECT_EQ(gatt->writes[0].characteristic, "fdea0001");
-    EXPECT_EQ(gatt->writes[0].delayMs, 100);
+    EXPECT_EQ(radio->writes[0].characteristic, "fdea0001");
+    EXPECT_EQ(radio->writes[0].delayMs, 100);
     EXPECT_TRUE(sleeps.empty());
 }
 
 TEST_F(Kelp, PowerWithSecondsZeroChecksOnceAfterTheWrite) {
     // The camera answers during the write: the single check comes after it, and nothing sleeps.
     camera->SetPowerState('U');
-    gatt->onWrite = [this](const Write&) { camera->SetPowerState('Z'); };
+    radio->onWrite = [this](const GattWrite&) { camera->SetPowerState('Z'); };
     EXPECT_TRUE(manager->ConfigurePowerState(camera, 'Z', 0));
-    EXPECT_EQ(gatt->writes.size(), 1u);
+    EXPECT_EQ(radio->writes.size(), 1u);
     EXPECT_TRUE(sleeps.empty());
 }
 
@@ -343,7 +342,7 @@ TEST_F(Kelp, PowerWaitsOneSecondPerCheckUntilTheCameraReports) {
     camera->SetPowerState('U');
     onSleep = [this](size_t n) {
         if (n == 2)
-            gatt->Notify("PZ\r");
+            radio->Notify("PZ\r");
     };
     EXPECT_TRUE(manager->ConfigurePowerState(camera, 'Z', 5));
     EXPECT_EQ(sleeps.size(), 2u);
@@ -355,7 +354,7 @@ TEST_F(Kelp, PowerGivesUpAfterSecondsSleeps) {
     EXPECT_FALSE(manager->ConfigurePowerState(camera, 'Z', 2));
     EXPECT_EQ(sleeps.size(), 2u);
     EXPECT_EQ(SleepsOf(1000ms), 2u);
-    EXPECT_EQ(gatt->writes.size(), 1u);
+    EXPECT_EQ(radio->writes.size(), 1u);
 }
 
 TEST_F(Kelp, PowerSeesAnAnswerThatArrivesDuringTheLastSleep) {
@@ -363,7 +362,7 @@ TEST_F(Kelp, PowerSeesAnAnswerThatArrivesDuringTheLastSleep) {
     camera->SetPowerState('U');
     onSleep = [this](size_t n) {
         if (n == 2)
-            gatt->Notify("PY\r");
+            radio->Notify("PY\r");
     };
     EXPECT_TRUE(manager->ConfigurePowerState(camera, 'Y', 2));
     EXPECT_EQ(sleeps.size(), 2u);
@@ -371,7 +370,7 @@ TEST_F(Kelp, PowerSeesAnAnswerThatArrivesDuringTheLastSleep) {
 
 TEST_F(Kelp, PowerFailedWriteReturnsAtOnce) {
     camera->SetPowerState('Z');
-    gatt->writeResults = {false};
+    radio->writeResults = {false};
     EXPECT_FALSE(manager->ConfigurePowerState(camera, 'Z', 2));
     EXPECT_TRUE(sleeps.empty());
 }
@@ -391,9 +390,9 @@ TEST_F(Kelp, FrequencySettledInConnectedIsAFailure) {
     ASSERT_TRUE(manager->Subscribe(camera));
     camera->SetWiFiState('R');
     camera->SetWiFiFrequency("2.4");
-    gatt->onWrite = [this](const Write& write) {
+    radio->onWrite = [this](const GattWrite& write) {
         if (write.value == "WF5.0G\r")
-            gatt->Notify("F5.0C\r");
+            radio->Notify("F5.0C\r");
     };
     EXPECT_FALSE(manager->ConfigureWiFiFrequency(camera, "5.0", 5));
     EXPECT_TRUE(sleeps.empty()) << "'C' ends the wait at once";
@@ -405,10 +404,10 @@ TEST_F(Kelp, FrequencyWaitsWhileTheCameraBootsOnTheNewBand) {
     ASSERT_TRUE(manager->Subscribe(camera));
     camera->SetWiFiState('R');
     camera->SetWiFiFrequency("5.0");
-    gatt->onWrite = [this](const Write&) { gatt->Notify("F2.4B\r"); };
+    radio->onWrite = [this](const GattWrite&) { radio->Notify("F2.4B\r"); };
     onSleep = [this](size_t n) {
         if (n == 3)
-            gatt->Notify("F2.4R\r");
+            radio->Notify("F2.4R\r");
     };
     EXPECT_TRUE(manager->ConfigureWiFiFrequency(camera, "2.4", 5));
     EXPECT_THAT(WrittenValues(), ElementsAre("WF2.4G\r"));
@@ -419,7 +418,7 @@ TEST_F(Kelp, FrequencyAlreadyRightAndReadySucceedsWithoutWaiting) {
     camera->SetWiFiState('R');
     camera->SetWiFiFrequency("2.4");
     EXPECT_TRUE(manager->ConfigureWiFiFrequency(camera, "2.4", 5));
-    EXPECT_EQ(gatt->writes.size(), 1u) << "the command is sent all the same";
+    EXPECT_EQ(radio->writes.size(), 1u) << "the command is sent all the same";
     EXPECT_TRUE(sleeps.empty());
 }
 
@@ -427,7 +426,7 @@ TEST_F(Kelp, FrequencyWrongBandTimesOut) {
     ASSERT_TRUE(manager->Subscribe(camera));
     camera->SetWiFiState('R');
     camera->SetWiFiFrequency("2.4");
-    gatt->onWrite = [this](const Write&) { gatt->Notify("F2.4R\r"); };
+    radio->onWrite = [this](const GattWrite&) { radio->Notify("F2.4R\r"); };
     EXPECT_FALSE(manager->ConfigureWiFiFrequency(camera, "5.0", 1));
     EXPECT_EQ(sleeps.size(), 10u);
 }
@@ -442,7 +441,7 @@ TEST_F(Kelp, FrequencyWithSecondsZeroChecksOnce) {
 TEST_F(Kelp, FrequencyFailedWriteReturnsAtOnce) {
     camera->SetWiFiState('R');
     camera->SetWiFiFrequency("5.0");
-    gatt->writeResults = {false};
+    radio->writeResults = {false};
     EXPECT_FALSE(manager->ConfigureWiFiFrequency(camera, "5.0", 5));
     EXPECT_TRUE(sleeps.empty());
 }
@@ -461,7 +460,7 @@ TEST_F(Kelp, WaitForWiFiAlreadyConnectedSucceedsAtOnce) {
     EXPECT_EQ(lines[1].text, "Kelp WiFi Ready to Connect!");
     EXPECT_EQ(capture.CountContaining("Waiting for wifi available"), 0u);
     EXPECT_TRUE(sleeps.empty());
-    EXPECT_TRUE(gatt->calls.empty()) << "sends nothing";
+    EXPECT_TRUE(radio->calls.empty()) << "sends nothing";
 }
 
 TEST_F(Kelp, WaitForWiFiStayingBootingForThreeSeconds) {
@@ -479,18 +478,18 @@ TEST_F(Kelp, WaitForWiFiStayingBootingForThreeSeconds) {
     EXPECT_EQ(lines[4].text, "Kelp WiFi is still not ready after 3 seconds");
     EXPECT_EQ(sleeps.size(), 3u);
     EXPECT_EQ(SleepsOf(1000ms), 3u);
-    EXPECT_TRUE(gatt->calls.empty()) << "sends nothing";
+    EXPECT_TRUE(radio->calls.empty()) << "sends nothing";
 }
 
 TEST_F(Kelp, WaitForWiFiFollowsUnsolicitedNotifications) {
     ASSERT_TRUE(manager->Subscribe(camera));
     camera->SetWiFiState('G');
-    gatt->calls.clear();
+    radio->calls.clear();
     onSleep = [this](size_t n) {
         if (n == 1)
-            gatt->Notify("F5.0B\r");
+            radio->Notify("F5.0B\r");
         if (n == 3)
-            gatt->Notify("F5.0R\r");
+            radio->Notify("F5.0R\r");
     };
     Logging::Capture capture;
     EXPECT_TRUE(manager->WaitForWiFi(camera, 20));
@@ -498,7 +497,7 @@ TEST_F(Kelp, WaitForWiFiFollowsUnsolicitedNotifications) {
     EXPECT_EQ(capture.Count("Waiting for wifi available... state = G", LOG_INFO), 1u);
     EXPECT_EQ(capture.Count("Waiting for wifi available... state = B", LOG_INFO), 2u);
     EXPECT_TRUE(capture.Contains("Kelp WiFi Ready to Connect!", LOG_INFO));
-    EXPECT_TRUE(gatt->calls.empty()) << "sends nothing";
+    EXPECT_TRUE(radio->calls.empty()) << "sends nothing";
 }
 
 TEST_F(Kelp, WaitForWiFiReadyAfterTheLastSleepStillCounts) {
@@ -506,7 +505,7 @@ TEST_F(Kelp, WaitForWiFiReadyAfterTheLastSleepStillCounts) {
     camera->SetWiFiState('B');
     onSleep = [this](size_t n) {
         if (n == 2)
-            gatt->Notify("F2.4R\r");
+            radio->Notify("F2.4R\r");
     };
     EXPECT_TRUE(manager->WaitForWiFi(camera, 2));
     EXPECT_EQ(sleeps.size(), 2u);
@@ -532,8 +531,8 @@ TEST_F(Kelp, WaitForWiFiWithSecondsZeroDoesNotWait) {
 
 // Values arrive on another thread while the worker polls the record; run under ThreadSanitizer.
 TEST(KelpThreads, NotificationsFromTheBleThreadReachTheWorkersPollingLoop) {
-    auto gatt = std::make_shared<FakeGatt>();
-    KelpBleManager manager(gatt, [](std::chrono::milliseconds) { std::this_thread::sleep_for(1ms); });
+    auto radio = std::make_shared<FakeRadio>();
+    KelpBleManager manager(radio, [](std::chrono::milliseconds) { std::this_thread::sleep_for(1ms); });
     std::atomic<int> documents{0};
     manager.NewData().connect([&](const std::string& json) {
         if (!json.empty())
@@ -547,7 +546,7 @@ TEST(KelpThreads, NotificationsFromTheBleThreadReachTheWorkersPollingLoop) {
     std::thread ble([&] {
         for (const char* value : {"PZ\r", "F5.0G\r", "F5.0B\r", "V12\r", "F5.0R\r"}) {
             std::this_thread::sleep_for(5ms);
-            gatt->Notify(value);
+            radio->Notify(value);
         }
     });
     const bool powered = manager.ConfigurePowerState(camera, 'Z', 100000);
@@ -562,8 +561,8 @@ TEST(KelpThreads, NotificationsFromTheBleThreadReachTheWorkersPollingLoop) {
 }
 
 TEST(KelpThreads, UnsubscribeWhileValuesArriveIsSafe) {
-    auto gatt = std::make_shared<FakeGatt>();
-    KelpBleManager manager(gatt, [](std::chrono::milliseconds) {});
+    auto radio = std::make_shared<FakeRadio>();
+    KelpBleManager manager(radio, [](std::chrono::milliseconds) {});
     auto camera = MakeCamera(7, kMac);
     Logging::SetStderrEcho(false);  // thousands of "Power Status" lines otherwise
     for (int round = 0; round < 20; ++round) {
@@ -572,34 +571,34 @@ TEST(KelpThreads, UnsubscribeWhileValuesArriveIsSafe) {
         std::atomic<bool> stop{false};
         std::thread ble([&] {
             while (!stop.load())
-                gatt->Notify("PZ\r");
+                radio->Notify("PZ\r");
         });
         ASSERT_TRUE(TestSupport::WaitUntil([&] { return camera->PowerState() == 'Z'; }));
-        gatt->DropNotifyingFlag();  // the callback stays registered: values keep coming during the erase
+        radio->DropNotifyingFlag();  // the callback stays registered: values keep coming during the erase
         EXPECT_TRUE(manager.Unsubscribe(camera));
         stop = true;
         ble.join();
         // What still arrives through the stale registration reaches nobody.
         camera->SetPowerState('U');
-        EXPECT_TRUE(gatt->Notify("PZ\r"));
+        EXPECT_TRUE(radio->Notify("PZ\r"));
         EXPECT_EQ(camera->PowerState(), 'U');
     }
     Logging::SetStderrEcho(true);
 }
 
 TEST(KelpThreads, AManagerGoneBeforeALateValueIsHarmless) {
-    auto gatt = std::make_shared<FakeGatt>();
+    auto radio = std::make_shared<FakeRadio>();
     auto camera = MakeCamera(7, kMac);
     {
-        KelpBleManager manager(gatt, [](std::chrono::milliseconds) {});
+        KelpBleManager manager(radio, [](std::chrono::milliseconds) {});
         manager.NewData().connect([](const std::string&) { FAIL() << "no manager, no announcement"; });
         ASSERT_TRUE(manager.Subscribe(camera));
     }
-    EXPECT_TRUE(gatt->Notify("PZ\r"));
+    EXPECT_TRUE(radio->Notify("PZ\r"));
     EXPECT_EQ(camera->PowerState(), 0);
 }
 
-// ---------------------------------------------------------------- real sleeps and the production seam
+// ---------------------------------------------------------------- real sleeps and a missing radio
 
 namespace {
 std::atomic<int> alarms{0};
@@ -632,33 +631,14 @@ TEST(KelpSleep, RealSleepLastsItsWholeTimeDespiteSignals) {
     EXPECT_GE(elapsed, 120ms);
 }
 
-namespace {
-
-class FakeRadio : public Backend::RadioInterface {
-  public:
-    std::vector<std::string> calls;
-    bool SetPowered(bool) override { return true; }
-    bool SetPairable(bool) override { return true; }
-    bool SetDiscoverable(bool) override { return true; }
-    bool PairDevice(const std::string&, bool) override { return true; }
-    bool TrustDevice(const std::string&, bool) override { return true; }
-    bool ConnectDevice(const std::string& mac, bool connect) override {
-        calls.push_back((connect ? "connect " : "disconnect ") + mac);
-        return true;
-    }
-    bool GetPowered() override { return true; }
-    bool GetPairable() override { return true; }
-    bool GetDiscoverable() override { return true; }
-};
-
-}  // namespace
-
-TEST(KelpRadio, ARadioWithoutGattConnectsThroughTheInterfaceButCannotSubscribe) {
-    auto radio = std::make_shared<FakeRadio>();
-    KelpBleManager manager(std::static_pointer_cast<Backend::RadioInterface>(radio));
+TEST(KelpRadio, WithoutARadioNothingReachesACamera) {
+    KelpBleManager manager(nullptr, [](std::chrono::milliseconds) {});
     auto camera = MakeCamera(7, kMac);
     EXPECT_FALSE(manager.Subscribe(camera));
-    EXPECT_THAT(radio->calls, ElementsAre(std::string("connect ") + kMac));
-    std::string json;
+    std::string json = "untouched";
     EXPECT_FALSE(manager.ReadBleInfo(camera, json));
+    EXPECT_EQ(json, "untouched");
+    EXPECT_FALSE(manager.ConfigurePowerState(camera, 'Z', 0));
+    EXPECT_FALSE(manager.ConfigureWiFiFrequency(camera, "5.0", 0));
+    EXPECT_THROW(manager.Unsubscribe(camera), std::out_of_range);
 }

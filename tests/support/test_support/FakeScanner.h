@@ -1,0 +1,46 @@
+#pragma once
+// A Backend::Scanner without a bus: Scan() counts its calls, runs an optional hook (the pass) and returns
+// the configured result; the device list is whatever the test puts there. Announcements of new remote
+// cameras go out only when the test makes them (AnnounceRemoteCamera). As with the real scanner, the
+// owner serialises passes and readers of Devices(); the call count alone may be read from any thread.
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "backend/Scanner.h"
+
+namespace TestSupport {
+
+class FakeScanner final : public Backend::Scanner {
+  public:
+    bool usable = true;
+    // What every Scan() returns: 0, or -1 for a failed pass.
+    int scanResult = 0;
+    // Runs inside each Scan(), after the count went up: a pass that changes the list or announces a
+    // camera.
+    std::function<void(FakeScanner&)> onScan;
+    DeviceList devices;
+
+    int Scan() override {
+        ++scanCalls;
+        if (onScan)
+            onScan(*this);
+        return scanResult;
+    }
+
+    int ScanCalls() const { return scanCalls.load(); }
+
+    bool IsUsable() const override { return usable; }
+    const DeviceList& Devices() const override { return devices; }
+    NewRemoteCameraSignal& NewRemoteCamera() override { return newRemoteCamera; }
+
+    // Emits NewRemoteCamera with `json`, as a pass does for a camera it has just found.
+    void AnnounceRemoteCamera(const std::string& json) { newRemoteCamera.emit(json); }
+
+  private:
+    std::atomic<int> scanCalls{0};
+    NewRemoteCameraSignal newRemoteCamera;
+};
+
+}  // namespace TestSupport
