@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "backend/RadioInterface.h"
+#include "loop/Sleep.h"
 
 namespace tinyb {
 class BluetoothAdapter;
@@ -33,6 +34,9 @@ class TinybRadio : public RadioInterface {
 
     // Obtains the tinyb manager and the default adapter; IsValid() tells whether that worked.
     TinybRadio();
+    // As above; `sleeper` takes the place of the real waits (polls, the delay after a write). A signal
+    // must not cut a real wait short: the peer (or BlueZ) needs the whole time.
+    explicit TinybRadio(Loop::Sleeper sleeper);
     ~TinybRadio();
     TinybRadio(const TinybRadio&) = delete;
     TinybRadio& operator=(const TinybRadio&) = delete;
@@ -99,6 +103,7 @@ class TinybRadio : public RadioInterface {
     int stateRetries = kStateRetries;
     tinyb::BluetoothManager* manager = nullptr;
     std::unique_ptr<tinyb::BluetoothAdapter> adapter;
+    Loop::Sleeper sleep;
 };
 
 }  // namespace Backend

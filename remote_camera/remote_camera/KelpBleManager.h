@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "loop/Sleep.h"
 #include "remote_camera/GattAccess.h"
 
 namespace Backend {
@@ -35,7 +36,7 @@ class RemoteCamera;
 class KelpBleManager {
   public:
     // Waits of the polling loops. Production sleeps for real, restarting after signal interruptions.
-    using Sleeper = std::function<void(std::chrono::milliseconds)>;
+    using Sleeper = Loop::Sleeper;
     // Carries the camera's JSON document (ScannedDevice::RemoteCamera::ToJson, compact).
     using NewDataSignal = sigc::signal<void(const std::string&)>;
 
@@ -53,7 +54,7 @@ class KelpBleManager {
     // Over the daemon's radio (a Backend::TinybRadio for the GATT operations).
     explicit KelpBleManager(std::shared_ptr<Backend::RadioInterface> radio);
     // Over any GATT access; `sleep` replaces the real sleeps (tests count them instead of waiting).
-    explicit KelpBleManager(std::shared_ptr<KelpGatt::Access> gatt, Sleeper sleep = RealSleep);
+    explicit KelpBleManager(std::shared_ptr<KelpGatt::Access> gatt, Sleeper sleep = Loop::SleepFor);
     ~KelpBleManager();
     KelpBleManager(const KelpBleManager&) = delete;
     KelpBleManager& operator=(const KelpBleManager&) = delete;
@@ -88,8 +89,6 @@ class KelpBleManager {
     // stored, with the camera's JSON document. Empty and unknown values emit nothing. Connect slots
     // before the first Subscribe.
     NewDataSignal& NewData() { return notifier->newData; }
-
-    static void RealSleep(std::chrono::milliseconds duration);
 
   private:
     // Outlives the manager while a callback still runs.

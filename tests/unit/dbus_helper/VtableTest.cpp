@@ -8,7 +8,7 @@
 
 #include "BusPair.h"
 #include "dbus_helper/Vtable.h"
-#include "logging/CBoundary.h"
+#include "loop/CBoundary.h"
 
 namespace vt = sdbus_utils::vtable;
 

@@ -5,9 +5,9 @@
 #include <system_error>
 #include <thread>
 
-#include "logging/CBoundary.h"
 #include "logging/Log.h"
-#include "logging/LoopQueue.h"
+#include "loop/CBoundary.h"
+#include "loop/Queue.h"
 
 TEST(Logging, CaptureSeesExactTextAndPriority) {
     Logging::Capture capture;
@@ -78,7 +78,7 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
     std::vector<int> order;
     std::thread::id ranOn;
     {
-        EventLoop::LoopQueue queue(loop);
+        Loop::Queue queue(loop);
         std::thread poster([&] {
             for (int i = 0; i < 50; ++i)
                 queue.Post([&order, i] { order.push_back(i); });
