@@ -171,9 +171,10 @@ void Core::AddMatches() {
     for (const Match& match : rules) {
         sd_bus_slot* slot = nullptr;
         const int r = sd_bus_add_match(bus_.get(), &slot, match.rule.c_str(), match.handler, this);
+        DbusHelper::Slot owned(slot);
         if (r < 0)
             throw BluetoothException("cannot subscribe to BlueZ's signals: " + ErrnoText(r));
-        matches_.emplace_back(slot);
+        matches_.push_back(std::move(owned));
     }
 }
 
