@@ -1,8 +1,7 @@
 #include "backend/HCIToolAdvertiser.h"
 
-#include <cerrno>
+#include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <utility>
 
 #include "bluetooth/HCIToolCommands.h"
@@ -18,17 +17,14 @@ int RunThroughShell(const char* command) {
 }
 
 // Lets the controller finish switching advertising off before anything else is sent to it.
-void SettleAfterStop() {
-    timespec remaining{0, 500000000L};
-    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
-    }
-}
+constexpr std::chrono::milliseconds kSettleAfterStop{500};
 
 }  // namespace
 
 HCIToolAdvertiser::HCIToolAdvertiser() : HCIToolAdvertiser(RunThroughShell) {}
 
-HCIToolAdvertiser::HCIToolAdvertiser(CommandRunner commandRunner) : runner(std::move(commandRunner)) {}
+HCIToolAdvertiser::HCIToolAdvertiser(CommandRunner commandRunner, Loop::Sleeper sleeper)
+    : runner(std::move(commandRunner)), sleep(std::move(sleeper)) {}
 
 int HCIToolAdvertiser::RunCommand(std::string& command) {
     if (!systemCallDebug)
@@ -70,7 +66,7 @@ int HCIToolAdvertiser::StopAdvertising() {
     std::string disable = "hciconfig hci0 noleadv";
     const int status = RunCommand(disable);
     advertising = false;
-    SettleAfterStop();
+    sleep(kSettleAfterStop);
     return status;
 }
 

@@ -1,8 +1,7 @@
 #include "backend/TinybRadio.h"
 
-#include <cerrno>
+#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <exception>
 #include <stdexcept>
 #include <utility>
@@ -15,20 +14,15 @@ namespace Backend {
 
 namespace {
 
-// A signal must not cut a wait short: the peer (or BlueZ) needs the whole time.
-void SleepMs(int milliseconds) {
-    timespec left{milliseconds / 1000, static_cast<long>(milliseconds % 1000) * 1000000L};
-    while (nanosleep(&left, &left) < 0 && errno == EINTR) {
-    }
-}
-
 void LogTinybException(const char* operation, const std::exception& e) {
     Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", operation, e.what());
 }
 
 }  // namespace
 
-TinybRadio::TinybRadio() {
+TinybRadio::TinybRadio() : TinybRadio(Loop::SleepFor) {}
+
+TinybRadio::TinybRadio(Loop::Sleeper sleeper) : sleep(std::move(sleeper)) {
     stateRetries = kStateRetries;
     valid = true;
     manager = GetManager();
@@ -110,7 +104,7 @@ bool TinybRadio::SetSwitch(Switch which, bool on, const char* operation) {
         // BlueZ accepts the change before it applies it: give it a few polls to show up.
         for (int poll = 0; poll < stateRetries; ++poll) {
             const bool state = ReadSwitch(which);
-            SleepMs(kStatePollMs);
+            sleep(std::chrono::milliseconds(kStatePollMs));
             if (state == on)
                 break;
         }
@@ -300,7 +294,7 @@ bool TinybRadio::WriteCharacteristic(const std::string& mac, const std::string& 
         return false;
     }
     if (written && delayMs > 0)
-        SleepMs(delayMs);
+        sleep(std::chrono::milliseconds(delayMs));
     return written;
 }
 
@@ -325,7 +319,7 @@ bool TinybRadio::WaitForServiceDiscovery(const std::string& mac, unsigned timeou
                 Logging::Log(LOG_INFO, "%s: Service discovery done!", "WaitForServiceDiscovery");
                 return true;
             }
-            SleepMs(kServiceDiscoveryPollMs);
+            sleep(std::chrono::milliseconds(kServiceDiscoveryPollMs));
         }
     } catch (const std::runtime_error& e) {
         // The device went away while we waited.

@@ -4,33 +4,22 @@ namespace SiblingCall {
 
 int Method(const std::string& destination, const std::string& path, const std::string& interface,
            const std::string& member, const Writer& append, const Reader& read, Failure& failure) {
-    failure = Failure::None;
-    sd_bus* bus = nullptr;
-    int r = sd_bus_open_user(&bus);
-    if (r < 0) {
-        failure = Failure::Open;
-        return r;
+    DbusHelper::CallFailure callFailure;
+    const int r = DbusHelper::CallMethod(nullptr, DbusHelper::BusKind::User, destination, path, interface,
+                                         member, append, read, callFailure);
+    switch (callFailure.step) {
+        case DbusHelper::CallFailure::Step::None:
+            failure = Failure::None;
+            break;
+        case DbusHelper::CallFailure::Step::Open:
+            failure = Failure::Open;
+            break;
+        case DbusHelper::CallFailure::Step::Build:
+        case DbusHelper::CallFailure::Step::Call:
+        case DbusHelper::CallFailure::Step::Read:
+            failure = Failure::Call;
+            break;
     }
-    sd_bus_message* request = nullptr;
-    sd_bus_message* reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    r = sd_bus_message_new_method_call(bus, &request, destination.c_str(), path.c_str(), interface.c_str(),
-                                       member.c_str());
-    if (r >= 0 && append)
-        r = append(request);
-    if (r >= 0)
-        r = sd_bus_call(bus, request, 0, &error, &reply);
-    if (r >= 0 && read) {
-        const int rr = read(reply);
-        if (rr < 0)
-            r = rr;
-    }
-    if (r < 0)
-        failure = Failure::Call;
-    sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(request);
-    sd_bus_flush_close_unref(bus);
     return r;
 }
 

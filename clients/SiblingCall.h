@@ -11,13 +11,14 @@
 #include <utility>
 
 #include "clients/SiblingOperation.h"
+#include "dbus_helper/Call.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "logging/Log.h"
 
 namespace SiblingCall {
 
-using Writer = std::function<int(sd_bus_message*)>;
-using Reader = std::function<int(sd_bus_message*)>;
+using Writer = DbusHelper::Writer;
+using Reader = DbusHelper::Reader;
 
 enum class Failure { None, Open, Call };
 

@@ -6,8 +6,8 @@
 #include <ctime>
 
 #include "daemon/ServiceBringUp.h"
-#include "logging/CBoundary.h"
 #include "logging/Log.h"
+#include "loop/CBoundary.h"
 #include "utils/HciWatchdog.h"
 
 namespace Daemon {

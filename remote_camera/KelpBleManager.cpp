@@ -1,8 +1,6 @@
 #include "remote_camera/KelpBleManager.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <utility>
 
 #include "logging/Log.h"
@@ -23,14 +21,6 @@ KelpBleManager::KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sl
     : radio(std::move(radio)), sleep(std::move(sleep)), notifier(std::make_shared<Notifier>()) {}
 
 KelpBleManager::~KelpBleManager() = default;
-
-void KelpBleManager::RealSleep(std::chrono::milliseconds duration) {
-    const auto ms = duration.count();
-    timespec left{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-    // A signal must not shorten the camera's time to act.
-    while (nanosleep(&left, &left) < 0 && errno == EINTR) {
-    }
-}
 
 bool KelpBleManager::IsRemoteCamera(const std::shared_ptr<ScannedDevice::Base>& device) {
     const auto* camera = dynamic_cast<const ScannedDevice::RemoteCamera*>(device.get());

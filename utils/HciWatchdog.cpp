@@ -2,24 +2,16 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <ctime>
+#include <chrono>
 
 #include "logging/Log.h"
+#include "loop/Sleep.h"
 #include "utils/SystemdUnit.h"
 
 namespace Utils {
 
-namespace {
-void SleepOneSecond() {
-    timespec left{1, 0};
-    while (nanosleep(&left, &left) < 0 && errno == EINTR) {
-    }
-}
-}  // namespace
-
 WatchdogHooks SystemWatchdogHooks() {
-    return {InterfaceExists, RestartServiceUnit, SleepOneSecond};
+    return {InterfaceExists, RestartServiceUnit, [] { Loop::SleepFor(std::chrono::seconds(1)); }};
 }
 
 bool InterfaceExists(int index) {

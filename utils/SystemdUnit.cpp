@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "dbus_helper/Call.h"
 #include "logging/Log.h"
 
 namespace Utils {
@@ -17,7 +18,7 @@ constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
 
 // One method call with a single "s" argument and a single "o" result, on a connection of its own.
 struct CallResult {
-    int callStatus = 0;  // sd_bus_call_method, or the open that preceded it
+    int callStatus = 0;  // the call, or the open that preceded it
     int readStatus = 0;  // sd_bus_message_read of the reply; 0 when there was no reply
     std::string errorText;
     std::string objectPath;
@@ -26,28 +27,20 @@ struct CallResult {
 CallResult CallReturningPath(const char* path, const char* interface, const char* member,
                              const char* argument) {
     CallResult result;
-    sd_bus* bus = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-
-    result.callStatus = sd_bus_open_system(&bus);
-    if (result.callStatus < 0) {
-        result.errorText = std::strerror(-result.callStatus);
-    } else {
-        result.callStatus =
-            sd_bus_call_method(bus, kSystemd, path, interface, member, &error, &reply, "s", argument);
-        if (result.callStatus < 0) {
-            result.errorText = error.message != nullptr ? error.message : std::strerror(-result.callStatus);
-        } else {
+    DbusHelper::CallFailure failure;
+    result.callStatus = DbusHelper::CallMethod(
+        nullptr, DbusHelper::BusKind::System, kSystemd, path, interface, member,
+        [argument](sd_bus_message* request) { return sd_bus_message_append(request, "s", argument); },
+        [&result](sd_bus_message* reply) {
             const char* object = nullptr;
             result.readStatus = sd_bus_message_read(reply, "o", &object);
             if (result.readStatus > 0)
                 result.objectPath = object;
-        }
-    }
-    sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_flush_close_unref(bus);
+            return 0;  // an unreadable reply is told apart by readStatus, not by the call's result
+        },
+        failure);
+    if (result.callStatus < 0)
+        result.errorText = failure.message ? *failure.message : std::strerror(-result.callStatus);
     return result;
 }
 

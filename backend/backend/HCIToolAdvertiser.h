@@ -8,6 +8,7 @@
 #include <string>
 
 #include "backend/Advertiser.h"
+#include "loop/Sleep.h"
 #include "scan_response/ScanResponse.h"
 
 namespace Backend {
@@ -18,8 +19,8 @@ class HCIToolAdvertiser final : public Advertiser {
     using CommandRunner = std::function<int(const char*)>;
 
     HCIToolAdvertiser();
-    // For tests: `runner` takes the place of system().
-    explicit HCIToolAdvertiser(CommandRunner runner);
+    // For tests: `runner` takes the place of system(), `sleeper` of the wait after a stop.
+    explicit HCIToolAdvertiser(CommandRunner runner, Loop::Sleeper sleeper = Loop::SleepFor);
 
     // Parameters, "hciconfig hci0 leadv", advertising data, then the scan response when one is attached;
     // stops at the first failing status and returns it.
@@ -52,6 +53,7 @@ class HCIToolAdvertiser final : public Advertiser {
     std::shared_ptr<ScanResponse::Base> scanResponse;
     bool systemCallDebug = false;
     CommandRunner runner;
+    Loop::Sleeper sleep;
 };
 
 }  // namespace Backend

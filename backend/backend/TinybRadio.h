@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "backend/Radio.h"
+#include "loop/Sleep.h"
 
 namespace tinyb {
 class BluetoothAdapter;
@@ -32,6 +33,9 @@ class TinybRadio : public Radio {
 
     // Obtains the tinyb manager and the default adapter; IsUsable() tells whether that worked.
     TinybRadio();
+    // As above; `sleeper` takes the place of the real waits (polls, the delay after a write). A signal
+    // must not cut a real wait short: the peer (or BlueZ) needs the whole time.
+    explicit TinybRadio(Loop::Sleeper sleeper);
     ~TinybRadio();
     TinybRadio(const TinybRadio&) = delete;
     TinybRadio& operator=(const TinybRadio&) = delete;
@@ -102,6 +106,7 @@ class TinybRadio : public Radio {
     int stateRetries = kStateRetries;
     tinyb::BluetoothManager* manager = nullptr;
     std::unique_ptr<tinyb::BluetoothAdapter> adapter;
+    Loop::Sleeper sleep;
 };
 
 }  // namespace Backend

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "logging/CBoundary.h"
+#include "loop/CBoundary.h"
 
 namespace DbusHelper {
 
@@ -17,24 +17,23 @@ DbusConnector::DbusConnector(sd_event* loop) : loop_(loop) {}
 DbusConnector::~DbusConnector() {
     // subclasses have released their part in their own destructors
     if (bus_ != nullptr) {
-        sd_bus_detach_event(bus_);
-        bus_ = sd_bus_flush_close_unref(bus_);
+        sd_bus_detach_event(bus_.get());
+        bus_.reset();
     }
 }
 
 int DbusConnector::Connect() {
     if (bus_ != nullptr)
         return -EALREADY;
-    sd_bus* bus = nullptr;
-    int r = sd_bus_open_user(&bus);
+    sd_bus* opened = nullptr;
+    int r = sd_bus_open_user(&opened);
     if (r < 0)
         return r;
-    r = sd_bus_attach_event(bus, loop_, SD_EVENT_PRIORITY_NORMAL);
-    if (r < 0) {
-        sd_bus_flush_close_unref(bus);
+    DbusHelper::Bus bus(opened);
+    r = sd_bus_attach_event(bus.get(), loop_, SD_EVENT_PRIORITY_NORMAL);
+    if (r < 0)
         return r;
-    }
-    bus_ = bus;
+    bus_ = std::move(bus);
     return 0;
 }
 
@@ -42,8 +41,8 @@ void DbusConnector::Disconnect() {
     if (bus_ == nullptr)
         return;
     BeforeDisconnect();
-    sd_bus_detach_event(bus_);
-    bus_ = sd_bus_flush_close_unref(bus_);
+    sd_bus_detach_event(bus_.get());
+    bus_.reset();
 }
 
 DbusListener::DbusListener(sd_event* loop) : DbusConnector(loop) {}
@@ -54,7 +53,7 @@ DbusListener::~DbusListener() {
 
 void DbusListener::BeforeDisconnect() {
     for (auto& subscription : subscriptions_)
-        sd_bus_slot_unref(subscription->slot);
+        subscription->slot.reset();
     subscriptions_.clear();
 }
 
@@ -70,11 +69,12 @@ int DbusListener::ListenSignal(const std::string& sender, const std::string& pat
     subscription->userdata = userdata;
     subscription->where =
         "signal " + interface + "." + member + " from " + (sender.empty() ? "any sender" : sender);
-    const int r =
-        sd_bus_match_signal(Bus(), &subscription->slot, OrNull(sender), OrNull(path), OrNull(interface),
-                            OrNull(member), &DbusListener::Trampoline, subscription.get());
+    sd_bus_slot* slot = nullptr;
+    const int r = sd_bus_match_signal(Bus(), &slot, OrNull(sender), OrNull(path), OrNull(interface),
+                                      OrNull(member), &DbusListener::Trampoline, subscription.get());
     if (r < 0)
         return r;
+    subscription->slot.reset(slot);
     subscriptions_.push_back(std::move(subscription));
     return 0;
 }

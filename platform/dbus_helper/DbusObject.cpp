@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "logging/CBoundary.h"
 #include "logging/Log.h"
-#include "logging/LoopQueue.h"
+#include "loop/CBoundary.h"
+#include "loop/Queue.h"
 
 namespace DbusHelper {
 
@@ -20,7 +20,7 @@ DbusObject::~DbusObject() {
     Detach();
 }
 
-int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<EventLoop::LoopQueue> queue) {
+int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<Loop::Queue> queue) {
     if (bus_ != nullptr)
         return -EALREADY;
     if (vtable_.empty() || vtable_.front().type != _SD_BUS_VTABLE_START ||
@@ -59,18 +59,16 @@ int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<E
         sd_bus_add_object_vtable(bus, &slot, path_.c_str(), interface_.c_str(), registered_.data(), this);
     if (r < 0)
         return r;
-    slot_ = slot;
-    bus_ = sd_bus_ref(bus);
+    slot_.reset(slot);
+    bus_.reset(sd_bus_ref(bus));
     busThread_ = busThread;
     queue_ = std::move(queue);
     return r;
 }
 
 void DbusObject::Detach() {
-    if (slot_ != nullptr)
-        slot_ = sd_bus_slot_unref(slot_);
-    if (bus_ != nullptr)
-        bus_ = sd_bus_unref(bus_);
+    slot_.reset();
+    bus_.reset();
     queue_.reset();
 }
 
@@ -129,7 +127,7 @@ int DbusObject::EmitSignal(const char* member, const char* types, ...) {
     }
     va_list ap;
     va_start(ap, types);
-    const int r = sd_bus_emit_signalv(bus_, path_.c_str(), interface_.c_str(), member, types, ap);
+    const int r = sd_bus_emit_signalv(bus_.get(), path_.c_str(), interface_.c_str(), member, types, ap);
     va_end(ap);
     return r;
 }
@@ -147,7 +145,7 @@ int DbusObject::EmitPropertiesChanged(const std::vector<std::string>& names) {
     for (const auto& name : names)
         list.push_back(const_cast<char*>(name.c_str()));
     list.push_back(nullptr);
-    return sd_bus_emit_properties_changed_strv(bus_, path_.c_str(), interface_.c_str(), list.data());
+    return sd_bus_emit_properties_changed_strv(bus_.get(), path_.c_str(), interface_.c_str(), list.data());
 }
 
 }  // namespace DbusHelper

@@ -4,7 +4,7 @@
 #include <exception>
 
 #include "logging/Log.h"
-#include "logging/LoopQueue.h"
+#include "loop/Queue.h"
 
 namespace DbusHelper {
 
@@ -28,26 +28,29 @@ int DbusServer::Start() {
     int r = systemBus_ ? sd_bus_open_system(&bus) : sd_bus_open_user(&bus);
     if (r < 0)
         return r;
-    bus_ = bus;
+    bus_.reset(bus);
     busThread_ = std::this_thread::get_id();
 
     if (!description_.empty())
-        sd_bus_set_description(bus_, description_.c_str());  // cosmetic only
-    r = sd_bus_attach_event(bus_, loop_, SD_EVENT_PRIORITY_NORMAL);
+        sd_bus_set_description(bus, description_.c_str());  // cosmetic only
+    r = sd_bus_attach_event(bus, loop_, SD_EVENT_PRIORITY_NORMAL);
     if (r >= 0) {
         try {
-            queue_ = std::make_shared<EventLoop::LoopQueue>(sd_bus_get_event(bus_));
+            queue_ = std::make_shared<Loop::Queue>(sd_bus_get_event(bus));
         } catch (const std::exception& e) {
             Logging::Log(LOG_ERR, "%s: cannot hand work to the bus thread: %s", serviceName_.c_str(),
                          e.what());
             r = -ENOMEM;
         }
     }
-    if (r >= 0 && addObjectManager_)
-        r = sd_bus_add_object_manager(bus_, &objectManager_, objectPath_.c_str());
+    if (r >= 0 && addObjectManager_) {
+        sd_bus_slot* slot = nullptr;
+        r = sd_bus_add_object_manager(bus, &slot, objectPath_.c_str());
+        objectManager_.reset(slot);
+    }
     // last: once the name is ours, callers may arrive
     if (r >= 0)
-        r = sd_bus_request_name(bus_, serviceName_.c_str(), 0);
+        r = sd_bus_request_name(bus, serviceName_.c_str(), 0);
     if (r < 0) {
         Release();
         return r;
@@ -60,7 +63,7 @@ int DbusServer::AddObject(std::shared_ptr<DbusObject> object) {
         return -EINVAL;
     if (bus_ == nullptr)
         return -ENOTCONN;
-    const int r = object->Attach(bus_, busThread_, queue_);
+    const int r = object->Attach(bus_.get(), busThread_, queue_);
     if (r < 0)
         return r;
     objects_.push_back(std::move(object));
@@ -79,12 +82,11 @@ void DbusServer::Release() {
     for (auto& object : objects_)
         object->Detach();
     objects_.clear();
-    if (objectManager_ != nullptr)
-        objectManager_ = sd_bus_slot_unref(objectManager_);
+    objectManager_.reset();
     queue_.reset();
     if (bus_ != nullptr) {
-        sd_bus_detach_event(bus_);
-        bus_ = sd_bus_flush_close_unref(bus_);
+        sd_bus_detach_event(bus_.get());
+        bus_.reset();
     }
 }
 

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "dbus_helper/Call.h"
 #include "dbus_helper/SdbusUtils.h"
 
 namespace sdbus_utils {
@@ -101,38 +102,39 @@ int ForEachProperty(sd_bus_message* message, Each&& each) {
     return r < 0 ? r : 0;
 }
 
-// Opens a fresh user-bus connection when the caller gave none; closes it on destruction.
-class CallBus {
-  public:
-    explicit CallBus(sd_bus* given) : bus_(given) {
-        if (bus_ == nullptr) {
-            result_ = sd_bus_open_user(&owned_);
-            bus_ = owned_;
-        }
-    }
-    ~CallBus() {
-        if (owned_ != nullptr)
-            sd_bus_flush_close_unref(owned_);
-    }
-    CallBus(const CallBus&) = delete;
-    CallBus& operator=(const CallBus&) = delete;
-    int Result() const { return result_; }
-    sd_bus* Get() const { return bus_; }
+std::string TextOf(const char* name, const char* message, int r) {
+    if (message != nullptr && message[0] != '\0')
+        return message;
+    if (name != nullptr && name[0] != '\0')
+        return name;
+    return std::strerror(r < 0 ? -r : r);
+}
 
-  private:
-    sd_bus* bus_ = nullptr;
-    sd_bus* owned_ = nullptr;
-    int result_ = 0;
-};
+// One call on org.freedesktop.DBus.Properties of `destination`: 0 or a negative errno. A failed open or
+// call writes `error`; so does a failed build, after `buildPrefix` when there is one (else as a failed
+// call); a failed read leaves `error` to the reader.
+int PropertiesCall(sd_bus* bus, const std::string& destination, const std::string& path, const char* member,
+                   const DbusHelper::Writer& append, const DbusHelper::Reader& read, const char* buildPrefix,
+                   std::string& error) {
+    DbusHelper::CallFailure failure;
+    const int r = DbusHelper::CallMethod(bus, DbusHelper::BusKind::User, destination, path,
+                                         kPropertiesInterface, member, append, read, failure);
+    if (r >= 0)
+        return 0;
+    using Step = DbusHelper::CallFailure::Step;
+    if (failure.step == Step::Open)
+        error = "cannot connect to the user bus: " + TextOf(nullptr, nullptr, r);
+    else if (failure.step == Step::Build && buildPrefix != nullptr)
+        error = buildPrefix + TextOf(nullptr, nullptr, r);
+    else if (failure.step != Step::Read)
+        error = TextOf(failure.name.c_str(), failure.message ? failure.message->c_str() : nullptr, r);
+    return r;
+}
 
 }  // namespace
 
 std::string ErrorText(const sd_bus_error* error, int r) {
-    if (error != nullptr && error->message != nullptr && error->message[0] != '\0')
-        return error->message;
-    if (error != nullptr && error->name != nullptr && error->name[0] != '\0')
-        return error->name;
-    return std::strerror(r < 0 ? -r : r);
+    return error != nullptr ? TextOf(error->name, error->message, r) : TextOf(nullptr, nullptr, r);
 }
 
 // Both parsers collect first and merge on success: a message that breaks half way changes nothing.
@@ -166,98 +168,61 @@ namespace detail {
 int GetPropertyCall(sd_bus* bus, const std::string& destination, const std::string& path,
                     const std::string& interface, const std::string& member, const std::string& signature,
                     const ReplyReader& read, std::string& error) {
-    CallBus call(bus);
-    if (call.Result() < 0) {
-        error = "cannot connect to the user bus: " + ErrorText(nullptr, call.Result());
-        return call.Result();
-    }
-    sd_bus_error e = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    int r = sd_bus_call_method(call.Get(), destination.c_str(), path.c_str(), kPropertiesInterface, "Get", &e,
-                               &reply, "ss", interface.c_str(), member.c_str());
-    if (r < 0) {
-        error = ErrorText(&e, r);
-    } else {
-        r = sd_bus_message_enter_container(reply, 'v', signature.c_str());
-        if (r <= 0) {
-            char type = 0;
-            const char* contents = nullptr;
-            sd_bus_message_peek_type(reply, &type, &contents);
-            error = "property " + member + " has type " + (contents != nullptr ? contents : "?") +
-                    ", expected " + signature;
-            r = r < 0 ? r : -ENXIO;
-        } else {
-            r = read(reply);
-            if (r < 0)
-                error = "cannot read property " + member + ": " + ErrorText(nullptr, r);
-            else
-                r = 0;
-        }
-    }
-    sd_bus_message_unref(reply);
-    sd_bus_error_free(&e);
-    return r;
+    return PropertiesCall(
+        bus, destination, path, "Get",
+        [&](sd_bus_message* request) {
+            return sd_bus_message_append(request, "ss", interface.c_str(), member.c_str());
+        },
+        [&](sd_bus_message* reply) {
+            int rr = sd_bus_message_enter_container(reply, 'v', signature.c_str());
+            if (rr <= 0) {
+                char type = 0;
+                const char* contents = nullptr;
+                sd_bus_message_peek_type(reply, &type, &contents);
+                error = "property " + member + " has type " + (contents != nullptr ? contents : "?") +
+                        ", expected " + signature;
+                return rr < 0 ? rr : -ENXIO;
+            }
+            rr = read(reply);
+            if (rr < 0)
+                error = "cannot read property " + member + ": " + ErrorText(nullptr, rr);
+            return rr;
+        },
+        nullptr, error);
 }
 
 int SetPropertyCall(sd_bus* bus, const std::string& destination, const std::string& path,
                     const std::string& interface, const std::string& member, const std::string& signature,
                     const ValueWriter& write, std::string& error) {
-    CallBus call(bus);
-    if (call.Result() < 0) {
-        error = "cannot connect to the user bus: " + ErrorText(nullptr, call.Result());
-        return call.Result();
-    }
-    sd_bus_message* request = nullptr;
-    sd_bus_message* reply = nullptr;
-    sd_bus_error e = SD_BUS_ERROR_NULL;
-    int r = sd_bus_message_new_method_call(call.Get(), &request, destination.c_str(), path.c_str(),
-                                           kPropertiesInterface, "Set");
-    if (r >= 0)
-        r = sd_bus_message_append(request, "ss", interface.c_str(), member.c_str());
-    if (r >= 0)
-        r = sd_bus_message_open_container(request, 'v', signature.c_str());
-    if (r >= 0)
-        r = write(request);
-    if (r >= 0)
-        r = sd_bus_message_close_container(request);
-    if (r < 0) {
-        error = "cannot build the request: " + ErrorText(nullptr, r);
-    } else {
-        r = sd_bus_call(call.Get(), request, 0, &e, &reply);
-        if (r < 0)
-            error = ErrorText(&e, r);
-        else
-            r = 0;
-    }
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(request);
-    sd_bus_error_free(&e);
-    return r;
+    return PropertiesCall(
+        bus, destination, path, "Set",
+        [&](sd_bus_message* request) {
+            int rr = sd_bus_message_append(request, "ss", interface.c_str(), member.c_str());
+            if (rr >= 0)
+                rr = sd_bus_message_open_container(request, 'v', signature.c_str());
+            if (rr >= 0)
+                rr = write(request);
+            if (rr >= 0)
+                rr = sd_bus_message_close_container(request);
+            return rr;
+        },
+        {}, "cannot build the request: ", error);
 }
 
 }  // namespace detail
 
 int GetAllProperties(sd_bus* bus, const std::string& destination, const std::string& path,
                      const std::string& interface, TypedPropertyMap& properties, std::string& error) {
-    CallBus call(bus);
-    if (call.Result() < 0) {
-        error = "cannot connect to the user bus: " + ErrorText(nullptr, call.Result());
-        return call.Result();
-    }
-    sd_bus_error e = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    int r = sd_bus_call_method(call.Get(), destination.c_str(), path.c_str(), kPropertiesInterface, "GetAll",
-                               &e, &reply, "s", interface.c_str());
-    if (r < 0) {
-        error = ErrorText(&e, r);
-    } else {
-        r = ParsePropertiesWithType(reply, properties);
-        if (r < 0)
-            error = "cannot parse the properties of " + path + ": " + ErrorText(nullptr, r);
-    }
-    sd_bus_message_unref(reply);
-    sd_bus_error_free(&e);
-    return r;
+    return PropertiesCall(
+        bus, destination, path, "GetAll",
+        [&](sd_bus_message* request) { return sd_bus_message_append(request, "s", interface.c_str()); },
+        [&](sd_bus_message* reply) {
+            const int rr = ParsePropertiesWithType(reply, properties);
+            if (rr < 0)
+                error = "cannot parse the properties of " + path + ": " + ErrorText(nullptr, rr);
+            return rr;
+        },
+        nullptr, error);
 }
 
 int GetAllProperties(sd_bus* bus, const std::string& destination, const std::string& path,

@@ -7,8 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "logging/CBoundary.h"
+#include "dbus_helper/Call.h"
 #include "logging/Log.h"
+#include "loop/CBoundary.h"
 
 namespace tinyb::detail {
 
@@ -60,8 +61,14 @@ Core::~Core() {
     if (thread_.joinable()) {
         if (OnLoopThread()) {
             thread_.detach();
+            // Dropped by one of its own callbacks: the loop still runs on the bus, the matches and
+            // itself, so they must not go away under it.
+            for (DbusHelper::Slot& match : matches_)
+                (void)match.release();
+            (void)bus_.release();
+            (void)event_.release();
         } else {
-            Post([this] { sd_event_exit(event_, 0); });
+            Post([this] { sd_event_exit(event_.get(), 0); });
             thread_.join();
         }
     }
@@ -87,7 +94,7 @@ void Core::Run(std::promise<Failure>& started) {
         return;
     }
     started.set_value(failure);
-    const int r = sd_event_loop(event_);
+    const int r = sd_event_loop(event_.get());
     if (r < 0)
         Logging::Log(LOG_ERR, "tinyb: event loop ended: %s", ErrnoText(r).c_str());
     Teardown();
@@ -98,47 +105,44 @@ void Core::Teardown() {
         std::lock_guard<std::mutex> lock(queueMutex_);
         queue_.reset();
     }
-    for (sd_bus_slot* slot : matches_)
-        sd_bus_slot_unref(slot);
     matches_.clear();
-    bus_ = sd_bus_flush_close_unref(bus_);
-    event_ = sd_event_unref(event_);
+    bus_.reset();
+    event_.reset();
 }
 
 void Core::Setup() {
-    int r = sd_event_new(&event_);
+    sd_event* event = nullptr;
+    int r = sd_event_new(&event);
     if (r < 0)
         throw BluetoothException("cannot create an event loop: " + ErrnoText(r));
-    r = sd_bus_open_system_with_description(&bus_, "tinyb");
+    event_.reset(event);
+    sd_bus* bus = nullptr;
+    r = sd_bus_open_system_with_description(&bus, "tinyb");
     if (r < 0)
         throw BluetoothException("cannot connect to the system bus: " + ErrnoText(r));
-    r = sd_bus_attach_event(bus_, event_, SD_EVENT_PRIORITY_NORMAL);
+    bus_.reset(bus);
+    r = sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         throw BluetoothException("cannot attach the system bus: " + ErrnoText(r));
     {
         std::lock_guard<std::mutex> lock(queueMutex_);
-        queue_ = std::make_unique<EventLoop::LoopQueue>(event_);
+        queue_ = std::make_unique<Loop::Queue>(event);
     }
 
     // Matches first, so that nothing BlueZ changes after its object list is missed.
     AddMatches();
 
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
     g_methodCalls.fetch_add(1, std::memory_order_relaxed);
-    r = sd_bus_call_method(bus_, kBluez, "/", kObjectManager, "GetManagedObjects", &error, &reply, "");
-    if (r < 0) {
-        BluetoothException e(error.name ? error.name : "", error.message ? error.message : ErrnoText(r));
-        sd_bus_error_free(&error);
-        throw e;
-    }
-    try {
-        LoadObjects(reply);
-    } catch (...) {
-        sd_bus_message_unref(reply);
-        throw;
-    }
-    sd_bus_message_unref(reply);
+    DbusHelper::CallFailure failure;
+    r = DbusHelper::CallMethod(
+        bus, DbusHelper::BusKind::System, kBluez, "/", kObjectManager, "GetManagedObjects", {},
+        [this](sd_bus_message* reply) {
+            LoadObjects(reply);
+            return 0;
+        },
+        failure);
+    if (r < 0)
+        throw BluetoothException(failure.name, failure.message ? *failure.message : ErrnoText(r));
 }
 
 void Core::AddMatches() {
@@ -166,10 +170,11 @@ void Core::AddMatches() {
     }
     for (const Match& match : rules) {
         sd_bus_slot* slot = nullptr;
-        const int r = sd_bus_add_match(bus_, &slot, match.rule.c_str(), match.handler, this);
+        const int r = sd_bus_add_match(bus_.get(), &slot, match.rule.c_str(), match.handler, this);
+        DbusHelper::Slot owned(slot);
         if (r < 0)
             throw BluetoothException("cannot subscribe to BlueZ's signals: " + ErrnoText(r));
-        matches_.push_back(slot);
+        matches_.push_back(std::move(owned));
     }
 }
 
@@ -309,13 +314,14 @@ void Core::ClearCache() {
 }
 
 void Core::RequestObjects() {
-    sd_bus_message* m = nullptr;
-    int r = sd_bus_message_new_method_call(bus_, &m, kBluez, "/", kObjectManager, "GetManagedObjects");
+    sd_bus_message* built = nullptr;
+    int r =
+        sd_bus_message_new_method_call(bus_.get(), &built, kBluez, "/", kObjectManager, "GetManagedObjects");
+    const DbusHelper::Message m(built);
     if (r >= 0) {
         g_methodCalls.fetch_add(1, std::memory_order_relaxed);
-        r = sd_bus_call_async(bus_, nullptr, m, &Core::OnObjectsLoaded, this, kCallTimeoutUsec);
+        r = sd_bus_call_async(bus_.get(), nullptr, m.get(), &Core::OnObjectsLoaded, this, kCallTimeoutUsec);
     }
-    sd_bus_message_unref(m);
     if (r < 0)
         Logging::Log(LOG_ERR, "tinyb: cannot ask BlueZ for its objects: %s", ErrnoText(r).c_str());
 }
@@ -471,58 +477,52 @@ bool Core::Post(std::function<void()> task) {
 // Library thread, called from user code running there (a notification callback calling back into the
 // library): the loop cannot dispatch a reply while that code waits, so the call is synchronous.
 void Core::SendSync(Request& request) {
-    sd_bus_message* m = nullptr;
-    int r =
-        sd_bus_message_new_method_call(bus_, &m, kBluez, request.path.c_str(), request.iface, request.member);
-    if (r >= 0 && request.append)
-        r = request.append(m);
-    if (r < 0) {
-        sd_bus_message_unref(m);
+    DbusHelper::CallFailure failure;
+    const int r = DbusHelper::CallMethod(
+        bus_.get(), DbusHelper::BusKind::System, kBluez, request.path, request.iface, request.member,
+        [&request](sd_bus_message* m) {
+            const int built = request.append ? request.append(m) : 0;
+            if (built >= 0)
+                g_methodCalls.fetch_add(1, std::memory_order_relaxed);
+            return built;
+        },
+        [&request](sd_bus_message* reply) {
+            request.done(reply, "", "");
+            return 0;
+        },
+        failure, request.timeoutUsec);
+    if (failure.step == DbusHelper::CallFailure::Step::Build)
         request.done(nullptr, "", "cannot build " + std::string(request.member) + ": " + ErrnoText(r));
-        return;
-    }
-    g_methodCalls.fetch_add(1, std::memory_order_relaxed);
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    r = sd_bus_call(bus_, m, request.timeoutUsec, &error, &reply);
-    sd_bus_message_unref(m);
-    if (r < 0) {
-        const std::string name = error.name ? error.name : "";
-        const std::string message = error.message ? error.message : ErrnoText(r);
-        sd_bus_error_free(&error);
-        request.done(nullptr, name, message);
-        return;
-    }
-    request.done(reply, "", "");
-    sd_bus_message_unref(reply);
+    else if (r < 0)
+        request.done(nullptr, failure.name, failure.message ? *failure.message : ErrnoText(r));
 }
 
 // Library thread: builds and sends the call asynchronously; OnReply completes it.
 void Core::Send(Request& request) {
-    sd_bus_message* m = nullptr;
-    int r =
-        sd_bus_message_new_method_call(bus_, &m, kBluez, request.path.c_str(), request.iface, request.member);
+    sd_bus_message* built = nullptr;
+    int r = sd_bus_message_new_method_call(bus_.get(), &built, kBluez, request.path.c_str(), request.iface,
+                                           request.member);
+    const DbusHelper::Message m(built);
     if (r >= 0 && request.append)
-        r = request.append(m);
+        r = request.append(m.get());
     if (r < 0) {
-        sd_bus_message_unref(m);
         request.done(nullptr, "", "cannot build " + std::string(request.member) + ": " + ErrnoText(r));
         return;
     }
     g_methodCalls.fetch_add(1, std::memory_order_relaxed);
     auto* pending = new Pending{std::move(request), false};
-    sd_bus_slot* slot = nullptr;
-    r = sd_bus_call_async(bus_, &slot, m, &Core::OnReply, pending, pending->request.timeoutUsec);
-    sd_bus_message_unref(m);
+    sd_bus_slot* raw = nullptr;
+    r = sd_bus_call_async(bus_.get(), &raw, m.get(), &Core::OnReply, pending, pending->request.timeoutUsec);
     if (r < 0) {
         pending->request.done(nullptr, "",
                               "cannot send " + std::string(pending->request.member) + ": " + ErrnoText(r));
         delete pending;
         return;
     }
-    sd_bus_slot_set_destroy_callback(slot, &Core::OnPendingDestroyed);
-    sd_bus_slot_set_floating(slot, 1);
-    sd_bus_slot_unref(slot);
+    // Floating: the bus keeps the slot until the reply, and frees `pending` with it.
+    const DbusHelper::Slot slot(raw);
+    sd_bus_slot_set_destroy_callback(slot.get(), &Core::OnPendingDestroyed);
+    sd_bus_slot_set_floating(slot.get(), 1);
 }
 
 int Core::OnReply(sd_bus_message* m, void* userdata, sd_bus_error*) {

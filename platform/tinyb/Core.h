@@ -24,7 +24,8 @@
 #include <vector>
 
 #include "Wire.h"
-#include "logging/LoopQueue.h"
+#include "dbus_helper/Handles.h"
+#include "loop/Queue.h"
 #include "tinyb/BluetoothException.hpp"
 #include "tinyb/BluetoothGattCharacteristic.hpp"
 
@@ -216,12 +217,12 @@ class Core {
 
     std::thread thread_;
     std::thread::id loopThreadId_;
-    sd_event* event_ = nullptr;
-    sd_bus* bus_ = nullptr;
+    DbusHelper::Event event_;
+    DbusHelper::Bus bus_;
     // Guards queue_ itself: the library thread drops it when its loop ends while others may still post.
     std::mutex queueMutex_;
-    std::unique_ptr<EventLoop::LoopQueue> queue_;
-    std::vector<sd_bus_slot*> matches_;
+    std::unique_ptr<Loop::Queue> queue_;
+    std::vector<DbusHelper::Slot> matches_;
 
     mutable std::shared_mutex cacheMutex_;
     std::list<std::shared_ptr<Object>> objects_;  // BlueZ's order

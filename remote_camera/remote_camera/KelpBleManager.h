@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "backend/Radio.h"
+#include "loop/Sleep.h"
 
 namespace ScannedDevice {
 class Base;
@@ -31,7 +32,7 @@ class RemoteCamera;
 class KelpBleManager {
   public:
     // Waits of the polling loops. Production sleeps for real, restarting after signal interruptions.
-    using Sleeper = std::function<void(std::chrono::milliseconds)>;
+    using Sleeper = Loop::Sleeper;
     // Carries the camera's JSON document (ScannedDevice::RemoteCamera::ToJson, compact).
     using NewDataSignal = sigc::signal<void(const std::string&)>;
 
@@ -47,7 +48,7 @@ class KelpBleManager {
 
     // Over the daemon's radio, which carries the connections and the GATT operations; with a null radio
     // nothing reaches a camera. `sleep` replaces the real sleeps (tests count them instead of waiting).
-    explicit KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep = RealSleep);
+    explicit KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep = Loop::SleepFor);
     ~KelpBleManager();
     KelpBleManager(const KelpBleManager&) = delete;
     KelpBleManager& operator=(const KelpBleManager&) = delete;
@@ -83,8 +84,6 @@ class KelpBleManager {
     // stored, with the camera's JSON document. Empty and unknown values emit nothing. Connect slots
     // before the first Subscribe.
     NewDataSignal& NewData() { return notifier->newData; }
-
-    static void RealSleep(std::chrono::milliseconds duration);
 
   private:
     // Outlives the manager while a callback still runs.

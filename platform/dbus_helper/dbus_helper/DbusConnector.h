@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "dbus_helper/Handles.h"
+
 namespace DbusHelper {
 
 class DbusConnector {
@@ -33,7 +35,7 @@ class DbusConnector {
     // Drops every subscription and closes the connection; harmless when not connected.
     void Disconnect();
 
-    sd_bus* Bus() const { return bus_; }
+    sd_bus* Bus() const { return bus_.get(); }
     bool IsConnected() const { return bus_ != nullptr; }
 
   protected:
@@ -42,7 +44,7 @@ class DbusConnector {
 
   private:
     sd_event* loop_;
-    sd_bus* bus_ = nullptr;
+    DbusHelper::Bus bus_;
 };
 
 class DbusListener : public DbusConnector {
@@ -66,7 +68,7 @@ class DbusListener : public DbusConnector {
         sd_bus_message_handler_t callback = nullptr;
         void* userdata = nullptr;
         std::string where;
-        sd_bus_slot* slot = nullptr;
+        Slot slot;
     };
     static int Trampoline(sd_bus_message* m, void* userdata, sd_bus_error* error);
 

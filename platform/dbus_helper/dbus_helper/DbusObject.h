@@ -9,7 +9,7 @@
 //
 // Threads: sd-bus objects are not thread-safe. A registered object is used from the thread that runs its
 // server's event loop (the bus thread) only. Worker threads hand emissions over with OnBusThread(), which
-// posts to the server's EventLoop::LoopQueue ("logging/LoopQueue.h"); the emission helpers below refuse
+// posts to the server's Loop::Queue ("loop/Queue.h"); the emission helpers below refuse
 // to run on any other thread (-EXDEV, logged) rather than race the loop.
 
 #include <systemd/sd-bus.h>
@@ -22,8 +22,10 @@
 #include <utility>
 #include <vector>
 
-namespace EventLoop {
-class LoopQueue;
+#include "dbus_helper/Handles.h"
+
+namespace Loop {
+class Queue;
 }
 
 namespace DbusHelper {
@@ -38,7 +40,7 @@ class DbusObject {
     DbusObject& operator=(const DbusObject&) = delete;
 
     // The bus the object is registered on, or null before AddObject / after its server is gone.
-    sd_bus* Bus() const { return bus_; }
+    sd_bus* Bus() const { return bus_.get(); }
     const std::string& Path() const { return path_; }
     const std::string& Interface() const { return interface_; }
     std::vector<sd_bus_vtable>& Vtable() { return vtable_; }
@@ -72,7 +74,7 @@ class DbusObject {
                              sd_bus_message* value, void* userdata, sd_bus_error* error);
 
     // Registers the object on `bus`; called by DbusServer::AddObject on the bus thread.
-    int Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<EventLoop::LoopQueue> queue);
+    int Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<Loop::Queue> queue);
     void Detach();
 
     std::string path_;
@@ -87,10 +89,10 @@ class DbusObject {
     std::string getWhere_;
     std::string setWhere_;
 
-    sd_bus* bus_ = nullptr;  // referenced while registered
-    sd_bus_slot* slot_ = nullptr;
+    BusRef bus_;  // while registered
+    Slot slot_;
     std::thread::id busThread_;
-    std::shared_ptr<EventLoop::LoopQueue> queue_;
+    std::shared_ptr<Loop::Queue> queue_;
 };
 
 }  // namespace DbusHelper

@@ -23,9 +23,10 @@
 #include <vector>
 
 #include "dbus_helper/DbusObject.h"
+#include "dbus_helper/Handles.h"
 
-namespace EventLoop {
-class LoopQueue;
+namespace Loop {
+class Queue;
 }
 
 namespace DbusHelper {
@@ -48,7 +49,7 @@ class DbusServer {
     int AddObject(std::shared_ptr<DbusObject> object);
 
     // Null before Start().
-    sd_bus* Bus() const { return bus_; }
+    sd_bus* Bus() const { return bus_.get(); }
     bool IsStarted() const { return bus_ != nullptr; }
     const std::string& ServiceName() const { return serviceName_; }
     const std::string& ObjectPath() const { return objectPath_; }
@@ -66,10 +67,10 @@ class DbusServer {
     bool addObjectManager_;
     sd_event* loop_;
 
-    sd_bus* bus_ = nullptr;
-    sd_bus_slot* objectManager_ = nullptr;
+    DbusHelper::Bus bus_;
+    Slot objectManager_;
     std::thread::id busThread_;
-    std::shared_ptr<EventLoop::LoopQueue> queue_;
+    std::shared_ptr<Loop::Queue> queue_;
     std::vector<std::shared_ptr<DbusObject>> objects_;
 };
 

@@ -16,7 +16,7 @@
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
-#include "logging/CBoundary.h"
+#include "loop/CBoundary.h"
 
 namespace {
 

@@ -77,7 +77,7 @@ int ResetSettings() {
                                    "ResetToDefaults", nullptr, "b", 1);
 }
 
-class Loop : public ::testing::Test {
+class WithLoop : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness());
@@ -93,7 +93,7 @@ class Loop : public ::testing::Test {
 
 }  // namespace
 
-using DbusListenerTest = Loop;
+using DbusListenerTest = WithLoop;
 
 TEST_F(DbusListenerTest, ReceivesPropertiesChangedFromTheSettingsSimulation) {
     DbusHelper::DbusListener listener(loop_);
@@ -245,7 +245,7 @@ TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
 
 // ------------------------------------------------------------------------------------------------------
 
-using PropertyCalls = Loop;
+using PropertyCalls = WithLoop;
 
 TEST_F(PropertyCalls, GetPropertyReadsTheSimulationsTypedValues) {
     std::string error;

@@ -11,7 +11,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "logging/LoopQueue.h"
+#include "loop/Queue.h"
 
 namespace BusTest {
 
@@ -23,7 +23,7 @@ class LoopThread {
         auto started = ready->get_future();
         thread_ = std::thread([this, ready] {
             sd_event_new(&loop_);
-            queue_ = std::make_unique<EventLoop::LoopQueue>(loop_);
+            queue_ = std::make_unique<Loop::Queue>(loop_);
             ready->set_value();
             sd_event_loop(loop_);
             queue_.reset();
@@ -52,7 +52,7 @@ class LoopThread {
 
   private:
     sd_event* loop_ = nullptr;
-    std::unique_ptr<EventLoop::LoopQueue> queue_;
+    std::unique_ptr<Loop::Queue> queue_;
     std::thread thread_;
 };
 

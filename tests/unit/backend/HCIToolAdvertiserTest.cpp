@@ -203,6 +203,22 @@ TEST_F(HCIToolAdvertiserTest, StopResumesItsWaitAfterASignal) {
     EXPECT_GE(elapsed, milliseconds(500));
 }
 
+TEST_F(HCIToolAdvertiserTest, AGivenSleeperTakesTheSettleTimeAfterTheCommand) {
+    FakeShell quietShell;
+    std::vector<milliseconds> waits;
+    std::size_t linesBeforeWait = 0;
+    Backend::HCIToolAdvertiser sleeping(quietShell.Runner(), [&](milliseconds duration) {
+        linesBeforeWait = quietShell.lines.size();
+        waits.push_back(duration);
+    });
+    EXPECT_EQ(sleeping.StopAdvertising(), 0);
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(waits[0], milliseconds(500));
+    EXPECT_EQ(linesBeforeWait, 1u);
+    ASSERT_EQ(quietShell.lines.size(), 1u);
+    EXPECT_EQ(quietShell.lines[0], "hciconfig hci0 noleadv" + kQuiet);
+}
+
 TEST_F(HCIToolAdvertiserTest, EveryStartResendsEverything) {
     advertiser.SetScanResponse(ScanResponse::Create(uint8_t{3}));
     ASSERT_EQ(advertiser.StartAdvertising(), 0);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "logging/Log.h"
+#include "loop/Sleep.h"
 #include "scanned_device/RemoteCamera.h"
 #include "scanned_device/ScannedDevice.h"
 #include "test_support/FakeRadio.h"
@@ -621,7 +622,7 @@ TEST(KelpSleep, RealSleepLastsItsWholeTimeDespiteSignals) {
     ASSERT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
 
     const auto start = std::chrono::steady_clock::now();
-    KelpBleManager::RealSleep(120ms);
+    Loop::SleepFor(120ms);
     const auto elapsed = std::chrono::steady_clock::now() - start;
 
     itimerval off{};

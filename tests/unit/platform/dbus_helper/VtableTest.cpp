@@ -8,7 +8,7 @@
 
 #include "test_support/BusPair.h"
 #include "dbus_helper/Vtable.h"
-#include "logging/CBoundary.h"
+#include "loop/CBoundary.h"
 
 namespace vt = sdbus_utils::vtable;
 

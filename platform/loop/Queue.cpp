@@ -1,4 +1,4 @@
-#include "logging/LoopQueue.h"
+#include "loop/Queue.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -7,28 +7,31 @@
 #include <cstdint>
 #include <system_error>
 
-#include "logging/CBoundary.h"
+#include "loop/CBoundary.h"
 
-namespace EventLoop {
+namespace Loop {
 
-LoopQueue::LoopQueue(sd_event* loop) {
+Queue::Queue(sd_event* loop) {
     fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd_ < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
-    const int r = sd_event_add_io(loop, &source_, fd_, EPOLLIN, &LoopQueue::OnWake, this);
+    sd_event_source* source = nullptr;
+    const int r = sd_event_add_io(loop, &source, fd_, EPOLLIN, &Queue::OnWake, this);
     if (r < 0) {
         close(fd_);
         throw std::system_error(-r, std::generic_category(), "sd_event_add_io");
     }
-    sd_event_source_set_description(source_, "loop-queue");
+    source_.reset(source);
+    sd_event_source_set_description(source, "loop-queue");
 }
 
-LoopQueue::~LoopQueue() {
-    sd_event_source_disable_unref(source_);
+Queue::~Queue() {
+    // the loop must stop watching the eventfd before it is closed
+    source_.reset();
     close(fd_);
 }
 
-void LoopQueue::Post(std::function<void()> task) {
+void Queue::Post(std::function<void()> task) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         tasks_.push_back(std::move(task));
@@ -39,11 +42,11 @@ void LoopQueue::Post(std::function<void()> task) {
     }
 }
 
-int LoopQueue::OnWake(sd_event_source*, int, uint32_t, void* userdata) {
-    return CBoundary::Call("LoopQueue::OnWake", [&] { static_cast<LoopQueue*>(userdata)->Drain(); });
+int Queue::OnWake(sd_event_source*, int, uint32_t, void* userdata) {
+    return CBoundary::Call("LoopQueue::OnWake", [&] { static_cast<Queue*>(userdata)->Drain(); });
 }
 
-void LoopQueue::Drain() {
+void Queue::Drain() {
     uint64_t count;
     while (read(fd_, &count, sizeof count) < 0 && errno == EINTR) {
     }
@@ -56,4 +59,4 @@ void LoopQueue::Drain() {
         CBoundary::Call("LoopQueue task", task);
 }
 
-}  // namespace EventLoop
+}  // namespace Loop

@@ -9,15 +9,17 @@
 #include <functional>
 #include <mutex>
 
-namespace EventLoop {
+#include "dbus_helper/Handles.h"
 
-class LoopQueue {
+namespace Loop {
+
+class Queue {
   public:
     // Must be constructed on the loop's thread. Throws std::system_error when the loop refuses the source.
-    explicit LoopQueue(sd_event* loop);
-    ~LoopQueue();
-    LoopQueue(const LoopQueue&) = delete;
-    LoopQueue& operator=(const LoopQueue&) = delete;
+    explicit Queue(sd_event* loop);
+    ~Queue();
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
 
     // Any thread. Tasks run on the loop thread in the order posted; one that throws is logged and dropped.
     void Post(std::function<void()> task);
@@ -27,9 +29,9 @@ class LoopQueue {
     void Drain();
 
     int fd_ = -1;
-    sd_event_source* source_ = nullptr;
+    DbusHelper::EventSource source_;
     std::mutex mutex_;
     std::deque<std::function<void()>> tasks_;
 };
 
-}  // namespace EventLoop
+}  // namespace Loop

@@ -1,0 +1,34 @@
+#include <gtest/gtest.h>
+
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "loop/Queue.h"
+
+TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
+    sd_event* loop = nullptr;
+    ASSERT_GE(sd_event_new(&loop), 0);
+    std::vector<int> order;
+    std::thread::id ranOn;
+    {
+        Loop::Queue queue(loop);
+        std::thread poster([&] {
+            for (int i = 0; i < 50; ++i)
+                queue.Post([&order, i] { order.push_back(i); });
+            queue.Post([&] { throw std::runtime_error("dropped"); });
+            queue.Post([&] {
+                ranOn = std::this_thread::get_id();
+                sd_event_exit(loop, 0);
+            });
+        });
+        EXPECT_GE(sd_event_loop(loop), 0);
+        poster.join();
+    }
+    sd_event_unref(loop);
+    ASSERT_EQ(order.size(), 50u);
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(order[static_cast<size_t>(i)], i);
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+}
