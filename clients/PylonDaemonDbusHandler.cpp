@@ -55,7 +55,7 @@ int PylonDaemonDbusHandler::Listen() {
         sd_bus_message_handler_t callback;
         const char* name;
     };
-    const Subscription subscriptions[] = {
+    const Subscription wanted[] = {
         {kObjectPath, kControlInterface, "VideoStatusChanged", &VideoStatusChangedHandler,
          "VideoStatusChangedHandler"},
         {kObjectPath, kControlInterface, "KeyPressEvent", &KeyPressEventHandler, "KeyPressEventHandler"},
@@ -74,7 +74,7 @@ int PylonDaemonDbusHandler::Listen() {
          "InterfacesRemovedHandler"},
     };
     int result = connected;
-    for (const auto& s : subscriptions) {
+    for (const auto& s : wanted) {
         const int r = ListenSignal(kService, s.path, s.interface, s.member, s.callback, this);
         if (r < 0)
             Logging::Log(LOG_ERR, "Failed to register %s signal, %s", s.name, kListen);

@@ -12,7 +12,7 @@ const char* OrNull(const std::string& text) {
 }
 }  // namespace
 
-DbusConnector::DbusConnector(sd_event* loop) : loop_(loop) {}
+DbusConnector::DbusConnector(sd_event* eventLoop) : loop_(eventLoop) {}
 
 DbusConnector::~DbusConnector() {
     // subclasses have released their part in their own destructors
@@ -29,11 +29,11 @@ int DbusConnector::Connect() {
     int r = sd_bus_open_user(&opened);
     if (r < 0)
         return r;
-    DbusHelper::Bus bus(opened);
-    r = sd_bus_attach_event(bus.get(), loop_, SD_EVENT_PRIORITY_NORMAL);
+    DbusHelper::Bus connection(opened);
+    r = sd_bus_attach_event(connection.get(), loop_, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         return r;
-    bus_ = std::move(bus);
+    bus_ = std::move(connection);
     return 0;
 }
 

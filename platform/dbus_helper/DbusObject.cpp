@@ -9,8 +9,8 @@
 
 namespace DbusHelper {
 
-DbusObject::DbusObject(std::string path, std::string interface)
-    : path_(std::move(path)), interface_(std::move(interface)) {
+DbusObject::DbusObject(std::string objectPath, std::string interfaceName)
+    : path_(std::move(objectPath)), interface_(std::move(interfaceName)) {
     methodWhere_ = interface_ + " method call";
     getWhere_ = interface_ + " property get";
     setWhere_ = interface_ + " property set";
@@ -20,20 +20,20 @@ DbusObject::~DbusObject() {
     Detach();
 }
 
-int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<Loop::Queue> queue) {
+int DbusObject::Attach(sd_bus* connection, std::thread::id thread, std::shared_ptr<Loop::Queue> loopQueue) {
     if (bus_ != nullptr)
         return -EALREADY;
     if (vtable_.empty() || vtable_.front().type != _SD_BUS_VTABLE_START ||
         vtable_.back().type != _SD_BUS_VTABLE_END)
         return -EINVAL;
 
-    std::vector<sd_bus_vtable> registered = vtable_;
-    std::map<std::string, sd_bus_message_handler_t> methods;
-    std::map<std::string, std::pair<sd_bus_property_get_t, sd_bus_property_set_t>> properties;
-    for (auto& entry : registered) {
+    std::vector<sd_bus_vtable> table = vtable_;
+    std::map<std::string, sd_bus_message_handler_t> methodTable;
+    std::map<std::string, std::pair<sd_bus_property_get_t, sd_bus_property_set_t>> propertyTable;
+    for (auto& entry : table) {
         switch (entry.type) {
             case _SD_BUS_VTABLE_METHOD:
-                methods[entry.x.method.member] = entry.x.method.handler;
+                methodTable[entry.x.method.member] = entry.x.method.handler;
                 entry.x.method.handler = &DbusObject::MethodTrampoline;
                 break;
             case _SD_BUS_VTABLE_PROPERTY:
@@ -41,7 +41,7 @@ int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<L
                 // a property without getter reads the user data's memory in sd-bus: never on our objects
                 if (entry.x.property.get == nullptr)
                     return -EINVAL;
-                properties[entry.x.property.member] = {entry.x.property.get, entry.x.property.set};
+                propertyTable[entry.x.property.member] = {entry.x.property.get, entry.x.property.set};
                 entry.x.property.get = &DbusObject::GetTrampoline;
                 if (entry.x.property.set != nullptr)
                     entry.x.property.set = &DbusObject::SetTrampoline;
@@ -50,19 +50,19 @@ int DbusObject::Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<L
                 break;
         }
     }
-    registered_ = std::move(registered);
-    methods_ = std::move(methods);
-    properties_ = std::move(properties);
+    registered_ = std::move(table);
+    methods_ = std::move(methodTable);
+    properties_ = std::move(propertyTable);
 
-    sd_bus_slot* slot = nullptr;
-    const int r =
-        sd_bus_add_object_vtable(bus, &slot, path_.c_str(), interface_.c_str(), registered_.data(), this);
+    sd_bus_slot* added = nullptr;
+    const int r = sd_bus_add_object_vtable(connection, &added, path_.c_str(), interface_.c_str(),
+                                           registered_.data(), this);
     if (r < 0)
         return r;
-    slot_.reset(slot);
-    bus_.reset(sd_bus_ref(bus));
-    busThread_ = busThread;
-    queue_ = std::move(queue);
+    slot_.reset(added);
+    bus_.reset(sd_bus_ref(connection));
+    busThread_ = thread;
+    queue_ = std::move(loopQueue);
     return r;
 }
 

@@ -8,14 +8,14 @@
 
 namespace DbusHelper {
 
-DbusServer::DbusServer(std::string serviceName, std::string objectPath, std::string description,
-                       bool systemBus, bool addObjectManager, sd_event* loop)
-    : serviceName_(std::move(serviceName)),
-      objectPath_(std::move(objectPath)),
-      description_(std::move(description)),
-      systemBus_(systemBus),
-      addObjectManager_(addObjectManager),
-      loop_(loop) {}
+DbusServer::DbusServer(std::string name, std::string rootPath, std::string connectionDescription,
+                       bool onSystemBus, bool withObjectManager, sd_event* eventLoop)
+    : serviceName_(std::move(name)),
+      objectPath_(std::move(rootPath)),
+      description_(std::move(connectionDescription)),
+      systemBus_(onSystemBus),
+      addObjectManager_(withObjectManager),
+      loop_(eventLoop) {}
 
 DbusServer::~DbusServer() {
     Release();
@@ -24,19 +24,19 @@ DbusServer::~DbusServer() {
 int DbusServer::Start() {
     if (bus_ != nullptr)
         return -EALREADY;
-    sd_bus* bus = nullptr;
-    int r = systemBus_ ? sd_bus_open_system(&bus) : sd_bus_open_user(&bus);
+    sd_bus* connection = nullptr;
+    int r = systemBus_ ? sd_bus_open_system(&connection) : sd_bus_open_user(&connection);
     if (r < 0)
         return r;
-    bus_.reset(bus);
+    bus_.reset(connection);
     busThread_ = std::this_thread::get_id();
 
     if (!description_.empty())
-        sd_bus_set_description(bus, description_.c_str());  // cosmetic only
-    r = sd_bus_attach_event(bus, loop_, SD_EVENT_PRIORITY_NORMAL);
+        sd_bus_set_description(connection, description_.c_str());  // cosmetic only
+    r = sd_bus_attach_event(connection, loop_, SD_EVENT_PRIORITY_NORMAL);
     if (r >= 0) {
         try {
-            queue_ = std::make_shared<Loop::Queue>(sd_bus_get_event(bus));
+            queue_ = std::make_shared<Loop::Queue>(sd_bus_get_event(connection));
         } catch (const std::exception& e) {
             Logging::Log(LOG_ERR, "%s: cannot hand work to the bus thread: %s", serviceName_.c_str(),
                          e.what());
@@ -45,12 +45,12 @@ int DbusServer::Start() {
     }
     if (r >= 0 && addObjectManager_) {
         sd_bus_slot* slot = nullptr;
-        r = sd_bus_add_object_manager(bus, &slot, objectPath_.c_str());
+        r = sd_bus_add_object_manager(connection, &slot, objectPath_.c_str());
         objectManager_.reset(slot);
     }
     // last: once the name is ours, callers may arrive
     if (r >= 0)
-        r = sd_bus_request_name(bus, serviceName_.c_str(), 0);
+        r = sd_bus_request_name(connection, serviceName_.c_str(), 0);
     if (r < 0) {
         Release();
         return r;

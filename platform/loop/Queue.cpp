@@ -15,14 +15,14 @@ Queue::Queue(sd_event* loop) {
     fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd_ < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
-    sd_event_source* source = nullptr;
-    const int r = sd_event_add_io(loop, &source, fd_, EPOLLIN, &Queue::OnWake, this);
+    sd_event_source* added = nullptr;
+    const int r = sd_event_add_io(loop, &added, fd_, EPOLLIN, &Queue::OnWake, this);
     if (r < 0) {
         close(fd_);
         throw std::system_error(-r, std::generic_category(), "sd_event_add_io");
     }
-    source_.reset(source);
-    sd_event_source_set_description(source, "loop-queue");
+    source_.reset(added);
+    sd_event_source_set_description(added, "loop-queue");
 }
 
 Queue::~Queue() {

@@ -7,12 +7,12 @@ namespace tinyb {
 
 using detail::kAdapter;
 
-BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> core, std::string objectPath)
-    : core_(std::move(core)), path_(std::move(objectPath)) {}
+BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> shared, std::string objectPath)
+    : core_(std::move(shared)), path_(std::move(objectPath)) {}
 
-BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> core, std::string objectPath,
-                                   std::shared_ptr<const detail::Object> object)
-    : core_(std::move(core)), path_(std::move(objectPath)), object_(std::move(object)) {}
+BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> shared, std::string objectPath,
+                                   std::shared_ptr<const detail::Object> mirrored)
+    : core_(std::move(shared)), path_(std::move(objectPath)), object_(std::move(mirrored)) {}
 
 BluetoothAdapter::~BluetoothAdapter() = default;
 

@@ -20,14 +20,14 @@ int AppendOptions(sd_bus_message* m, uint16_t offset) {
 
 }  // namespace
 
-BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> core,
+BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> shared,
                                                          std::string objectPath)
-    : core_(std::move(core)), path_(std::move(objectPath)) {}
+    : core_(std::move(shared)), path_(std::move(objectPath)) {}
 
-BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> core,
+BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> shared,
                                                          std::string objectPath,
-                                                         std::shared_ptr<const detail::Object> object)
-    : core_(std::move(core)), path_(std::move(objectPath)), object_(std::move(object)) {}
+                                                         std::shared_ptr<const detail::Object> mirrored)
+    : core_(std::move(shared)), path_(std::move(objectPath)), object_(std::move(mirrored)) {}
 
 BluetoothGattCharacteristic::~BluetoothGattCharacteristic() = default;
 
@@ -78,24 +78,25 @@ bool BluetoothGattCharacteristic::write_value(const std::vector<uint8_t>& value,
 }
 
 bool BluetoothGattCharacteristic::enable_value_notifications(ValueCallback callback) {
-    auto core = core_;
-    const std::string path = path_;
+    auto shared = core_;
+    const std::string characteristicPath = path_;
     // Registered before StartNotify goes out, so that the first notification already finds it.
-    core->RunOnLoop([core, path, callback] { core->SetValueCallback(path, callback); });
+    shared->RunOnLoop(
+        [shared, characteristicPath, callback] { shared->SetValueCallback(characteristicPath, callback); });
     try {
-        core->CallVoid(path, kCharacteristicIface, "StartNotify");
+        shared->CallVoid(characteristicPath, kCharacteristicIface, "StartNotify");
     } catch (...) {
-        core->RunOnLoop([core, path] { core->ClearValueCallback(path); });
+        shared->RunOnLoop([shared, characteristicPath] { shared->ClearValueCallback(characteristicPath); });
         throw;
     }
     return true;
 }
 
 bool BluetoothGattCharacteristic::disable_value_notifications() {
-    auto core = core_;
-    const std::string path = path_;
-    core->RunOnLoop([core, path] { core->ClearValueCallback(path); });
-    core->CallVoid(path, kCharacteristicIface, "StopNotify");
+    auto shared = core_;
+    const std::string characteristicPath = path_;
+    shared->RunOnLoop([shared, characteristicPath] { shared->ClearValueCallback(characteristicPath); });
+    shared->CallVoid(characteristicPath, kCharacteristicIface, "StopNotify");
     return true;
 }
 

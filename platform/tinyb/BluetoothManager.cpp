@@ -29,7 +29,7 @@ std::string RequireDefaultAdapter(detail::Core& core) {
 
 }  // namespace
 
-BluetoothManager::BluetoothManager(std::shared_ptr<detail::Core> core) : core_(std::move(core)) {}
+BluetoothManager::BluetoothManager(std::shared_ptr<detail::Core> shared) : core_(std::move(shared)) {}
 
 BluetoothManager* BluetoothManager::get_bluetooth_manager() {
     std::lock_guard<std::mutex> lock(g_singletonMutex);

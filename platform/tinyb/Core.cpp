@@ -111,22 +111,22 @@ void Core::Teardown() {
 }
 
 void Core::Setup() {
-    sd_event* event = nullptr;
-    int r = sd_event_new(&event);
+    sd_event* loopEvent = nullptr;
+    int r = sd_event_new(&loopEvent);
     if (r < 0)
         throw BluetoothException("cannot create an event loop: " + ErrnoText(r));
-    event_.reset(event);
-    sd_bus* bus = nullptr;
-    r = sd_bus_open_system_with_description(&bus, "tinyb");
+    event_.reset(loopEvent);
+    sd_bus* connection = nullptr;
+    r = sd_bus_open_system_with_description(&connection, "tinyb");
     if (r < 0)
         throw BluetoothException("cannot connect to the system bus: " + ErrnoText(r));
-    bus_.reset(bus);
-    r = sd_bus_attach_event(bus, event, SD_EVENT_PRIORITY_NORMAL);
+    bus_.reset(connection);
+    r = sd_bus_attach_event(connection, loopEvent, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         throw BluetoothException("cannot attach the system bus: " + ErrnoText(r));
     {
         std::lock_guard<std::mutex> lock(queueMutex_);
-        queue_ = std::make_unique<Loop::Queue>(event);
+        queue_ = std::make_unique<Loop::Queue>(loopEvent);
     }
 
     // Matches first, so that nothing BlueZ changes after its object list is missed.
@@ -135,7 +135,7 @@ void Core::Setup() {
     g_methodCalls.fetch_add(1, std::memory_order_relaxed);
     DbusHelper::CallFailure failure;
     r = DbusHelper::CallMethod(
-        bus, DbusHelper::BusKind::System, kBluez, "/", kObjectManager, "GetManagedObjects", {},
+        connection, DbusHelper::BusKind::System, kBluez, "/", kObjectManager, "GetManagedObjects", {},
         [this](sd_bus_message* reply) {
             LoadObjects(reply);
             return 0;

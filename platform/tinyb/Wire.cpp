@@ -80,13 +80,13 @@ const Value* PropSet::Get(Prop prop) const {
 }
 
 void PropSet::Set(Prop prop, Value value) {
-    const Iface iface = IfaceOf(prop);
-    if (iface_ != iface) {
-        iface_ = iface;
+    const Iface which = IfaceOf(prop);
+    if (iface_ != which) {
+        iface_ = which;
         present_ = 0;
-        slots_.assign(kFirstProp[iface + 1] - kFirstProp[iface], Value{});
+        slots_.assign(kFirstProp[which + 1] - kFirstProp[which], Value{});
     }
-    const unsigned slot = prop - kFirstProp[iface];
+    const unsigned slot = prop - kFirstProp[which];
     slots_[slot] = std::move(value);
     present_ |= 1u << slot;
 }

@@ -71,7 +71,7 @@ int CallMethod(Bus bus, const char* destination, const char* path, const char* i
     return r;
 }
 
-NotifySocket::NotifySocket(std::string path) : path_(std::move(path)) {
+NotifySocket::NotifySocket(std::string socketPath) : path_(std::move(socketPath)) {
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0)
         throw std::runtime_error("socket");

@@ -49,9 +49,9 @@ const std::string kDeadBus = "unix:path=/nonexistent/qb-unit-test/bus";
 class HangUpBus {
   public:
     HangUpBus() {
-        char dir[] = "/tmp/qb-hangup.XXXXXX";
-        EXPECT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
+        char made[] = "/tmp/qb-hangup.XXXXXX";
+        EXPECT_NE(mkdtemp(made), nullptr);
+        dir_ = made;
         path_ = dir_ + "/bus";
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
