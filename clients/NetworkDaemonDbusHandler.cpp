@@ -61,7 +61,7 @@ int NetworkDaemonDbusHandler::NetworkPropertiesChanged(sd_bus_message* message, 
         Logging::Log(LOG_ERR, "%s: ParsePropertiesWithType failed:%d", kChanged, r);
         return -1;
     }
-    self->propertiesChanged_.emit(changed);
+    self->propertiesChanged.emit(changed);
     return 0;
 }
 

@@ -98,7 +98,7 @@ int PylonDaemonDbusHandler::VideoStatusChangedHandler(sd_bus_message* message, v
             "sd_bus_error*)");
         return r;
     }
-    Self(userdata)->videoStatus_.emit(status);
+    Self(userdata)->videoStatus.emit(status);
     return 0;
 }
 
@@ -114,7 +114,7 @@ int PylonDaemonDbusHandler::KeyPressEventHandler(sd_bus_message* message, void* 
             "sd_bus_error*)");
         return r < 0 ? r : -ENXIO;
     }
-    Self(userdata)->keyPress_.emit(key, state, duration);
+    Self(userdata)->keyPress.emit(key, state, duration);
     return 0;
 }
 
@@ -122,7 +122,7 @@ int PylonDaemonDbusHandler::ReelPropertiesChanged(sd_bus_message* message, void*
     return ForwardChanges(
         "static int Pylond::PylonDaemonDbusHandler::ReelPropertiesChanged(sd_bus_message*, void*, "
         "sd_bus_error*)",
-        message, Self(userdata)->reel_);
+        message, Self(userdata)->reel);
 }
 
 int PylonDaemonDbusHandler::ReelFirmwarePropertiesChanged(sd_bus_message* message, void* userdata,
@@ -130,7 +130,7 @@ int PylonDaemonDbusHandler::ReelFirmwarePropertiesChanged(sd_bus_message* messag
     return ForwardChanges(
         "static int Pylond::PylonDaemonDbusHandler::ReelFirmwarePropertiesChanged(sd_bus_message*, void*, "
         "sd_bus_error*)",
-        message, Self(userdata)->reelFirmware_);
+        message, Self(userdata)->reelFirmware);
 }
 
 int PylonDaemonDbusHandler::ReelDistancePropertiesChanged(sd_bus_message* message, void* userdata,
@@ -138,21 +138,21 @@ int PylonDaemonDbusHandler::ReelDistancePropertiesChanged(sd_bus_message* messag
     return ForwardChanges(
         "static int Pylond::PylonDaemonDbusHandler::ReelDistancePropertiesChanged(sd_bus_message*, void*, "
         "sd_bus_error*)",
-        message, Self(userdata)->reelDistance_);
+        message, Self(userdata)->reelDistance);
 }
 
 int PylonDaemonDbusHandler::PowerPropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error*) {
     return ForwardChanges(
         "static int Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(sd_bus_message*, void*, "
         "sd_bus_error*)",
-        message, Self(userdata)->power_);
+        message, Self(userdata)->power);
 }
 
 int PylonDaemonDbusHandler::CoolingPropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error*) {
     return ForwardChanges(
         "static int Pylond::PylonDaemonDbusHandler::CoolingPropertiesChanged(sd_bus_message*, void*, "
         "sd_bus_error*)",
-        message, Self(userdata)->cooling_);
+        message, Self(userdata)->cooling);
 }
 
 int PylonDaemonDbusHandler::InterfacesAddedHandler(sd_bus_message* message, void* userdata, sd_bus_error*) {
@@ -165,7 +165,7 @@ int PylonDaemonDbusHandler::InterfacesAddedHandler(sd_bus_message* message, void
             "sd_bus_error*)");
         return r;
     }
-    Self(userdata)->interfacesAdded_.emit(path);
+    Self(userdata)->interfacesAdded.emit(path);
     return 0;
 }
 
@@ -179,7 +179,7 @@ int PylonDaemonDbusHandler::InterfacesRemovedHandler(sd_bus_message* message, vo
             "sd_bus_error*)");
         return r;
     }
-    Self(userdata)->interfacesRemoved_.emit(path);
+    Self(userdata)->interfacesRemoved.emit(path);
     return 0;
 }
 

@@ -37,12 +37,12 @@ int32_t Reset(const SiblingCall::Writer& args) {
 
 SettingsDaemonDbusHandler::SettingsDaemonDbusHandler(sd_event* loop) : DbusListener(loop) {
     for (const auto& section : kSections)
-        sections_[section];
+        sections[section];
 }
 
 SettingsChangedSignal& SettingsDaemonDbusHandler::SectionChanged(const std::string& section) {
-    const auto it = sections_.find(section);
-    if (it == sections_.end())
+    const auto it = sections.find(section);
+    if (it == sections.end())
         throw std::out_of_range("no settings section " + section);
     return it->second;
 }
@@ -88,8 +88,8 @@ int32_t SettingsDaemonDbusHandler::PropertiesChanged(sd_bus_message* message, vo
         Logging::Log(LOG_ERR, "%s: ParsePropertiesWithType failed:%d", kPropertiesChanged, r);
         return -1;
     }
-    const auto it = self->sections_.find(section);
-    if (it != self->sections_.end())
+    const auto it = self->sections.find(section);
+    if (it != self->sections.end())
         it->second.emit(changed);
     // 0: other subscriptions on the same connection still see the signal
     return 0;

@@ -24,7 +24,7 @@ class BluetoothManager;
 
 namespace Backend {
 
-class TinybRadio : public Radio {
+class TinybRadio final : public Radio {
   public:
     // Polls after a switch before it gives up, 100 ms apart.
     static constexpr int kStateRetries = 5;

@@ -23,7 +23,7 @@ class Base;
 
 namespace Backend {
 
-class TinybScanner : public Scanner {
+class TinybScanner final : public Scanner {
   public:
     // Passes a device may be missing from BlueZ's list before it is dropped.
     static constexpr int kMissCredit = 2;

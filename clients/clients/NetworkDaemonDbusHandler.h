@@ -43,7 +43,7 @@ class NetworkDaemonDbusHandler : public DbusHelper::DbusListener {
 
     // Connects and subscribes to the Wi-Fi object's PropertiesChanged. 0, or the negative error (logged).
     int Listen();
-    PropertiesChangedSignal& PropertiesChanged() { return propertiesChanged_; }
+    PropertiesChangedSignal& PropertiesChanged() { return propertiesChanged; }
 
     // All Wi-Fi properties (entries added to `properties`).
     static int GetAllNetworkProperties(sdbus_utils::TypedPropertyMap& properties);
@@ -75,7 +75,7 @@ class NetworkDaemonDbusHandler : public DbusHelper::DbusListener {
     static int NetworkPropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
   private:
-    PropertiesChangedSignal propertiesChanged_;
+    PropertiesChangedSignal propertiesChanged;
 };
 
 }  // namespace Networkd

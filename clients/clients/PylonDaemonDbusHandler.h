@@ -51,15 +51,15 @@ class PylonDaemonDbusHandler : public DbusHelper::DbusListener {
     // then stays disconnected).
     int Listen();
 
-    PropertiesChangedSignal& PowerSignal() { return power_; }  // what this daemon follows
-    PropertiesChangedSignal& ReelSignal() { return reel_; }
-    PropertiesChangedSignal& ReelFirmwareSignal() { return reelFirmware_; }
-    PropertiesChangedSignal& ReelDistanceSignal() { return reelDistance_; }
-    PropertiesChangedSignal& CoolingSignal() { return cooling_; }
-    VideoStatusSignal& VideoStatusChangedSignal() { return videoStatus_; }
-    KeyPressSignal& KeyPressEventSignal() { return keyPress_; }
-    ObjectSignal& InterfacesAddedSignal() { return interfacesAdded_; }  // the object's path
-    ObjectSignal& InterfacesRemovedSignal() { return interfacesRemoved_; }
+    PropertiesChangedSignal& PowerSignal() { return power; }  // what this daemon follows
+    PropertiesChangedSignal& ReelSignal() { return reel; }
+    PropertiesChangedSignal& ReelFirmwareSignal() { return reelFirmware; }
+    PropertiesChangedSignal& ReelDistanceSignal() { return reelDistance; }
+    PropertiesChangedSignal& CoolingSignal() { return cooling; }
+    VideoStatusSignal& VideoStatusChangedSignal() { return videoStatus; }
+    KeyPressSignal& KeyPressEventSignal() { return keyPress; }
+    ObjectSignal& InterfacesAddedSignal() { return interfacesAdded; }  // the object's path
+    ObjectSignal& InterfacesRemovedSignal() { return interfacesRemoved; }
 
     // All power properties of the local (or remote) power object (entries added to `properties`).
     static int GetAllPowerProperties(bool remote, sdbus_utils::TypedPropertyMap& properties);
@@ -124,15 +124,15 @@ class PylonDaemonDbusHandler : public DbusHelper::DbusListener {
     static int InterfacesRemovedHandler(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
   private:
-    PropertiesChangedSignal power_;
-    PropertiesChangedSignal reel_;
-    PropertiesChangedSignal reelFirmware_;
-    PropertiesChangedSignal reelDistance_;
-    PropertiesChangedSignal cooling_;
-    VideoStatusSignal videoStatus_;
-    KeyPressSignal keyPress_;
-    ObjectSignal interfacesAdded_;
-    ObjectSignal interfacesRemoved_;
+    PropertiesChangedSignal power;
+    PropertiesChangedSignal reel;
+    PropertiesChangedSignal reelFirmware;
+    PropertiesChangedSignal reelDistance;
+    PropertiesChangedSignal cooling;
+    VideoStatusSignal videoStatus;
+    KeyPressSignal keyPress;
+    ObjectSignal interfacesAdded;
+    ObjectSignal interfacesRemoved;
 };
 
 }  // namespace Pylond

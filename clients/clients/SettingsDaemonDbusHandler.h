@@ -43,7 +43,7 @@ class SettingsDaemonDbusHandler : public DbusHelper::DbusListener {
     // The notification of one section (changed keys only). Throws std::out_of_range for a section the unit
     // does not have.
     SettingsChangedSignal& SectionChanged(const std::string& section);
-    bool HasSection(const std::string& section) const { return sections_.count(section) > 0; }
+    bool HasSection(const std::string& section) const { return sections.count(section) > 0; }
 
     // One setting of `section`, typed (bool, uint32_t, int32_t, std::string, ... as
     // sdbus_utils::GetProperty). 0, or a negative error (logged); `value` is only written on success.
@@ -77,7 +77,7 @@ class SettingsDaemonDbusHandler : public DbusHelper::DbusListener {
     static int32_t PropertiesChanged(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
   private:
-    std::map<std::string, SettingsChangedSignal> sections_;
+    std::map<std::string, SettingsChangedSignal> sections;
 };
 
 template <typename T>

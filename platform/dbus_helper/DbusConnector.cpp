@@ -12,37 +12,37 @@ const char* OrNull(const std::string& text) {
 }
 }  // namespace
 
-DbusConnector::DbusConnector(sd_event* eventLoop) : loop_(eventLoop) {}
+DbusConnector::DbusConnector(sd_event* eventLoop) : loop(eventLoop) {}
 
 DbusConnector::~DbusConnector() {
     // subclasses have released their part in their own destructors
-    if (bus_ != nullptr) {
-        sd_bus_detach_event(bus_.get());
-        bus_.reset();
+    if (bus != nullptr) {
+        sd_bus_detach_event(bus.get());
+        bus.reset();
     }
 }
 
 int DbusConnector::Connect() {
-    if (bus_ != nullptr)
+    if (bus != nullptr)
         return -EALREADY;
     sd_bus* opened = nullptr;
     int r = sd_bus_open_user(&opened);
     if (r < 0)
         return r;
     DbusHelper::Bus connection(opened);
-    r = sd_bus_attach_event(connection.get(), loop_, SD_EVENT_PRIORITY_NORMAL);
+    r = sd_bus_attach_event(connection.get(), loop, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         return r;
-    bus_ = std::move(connection);
+    bus = std::move(connection);
     return 0;
 }
 
 void DbusConnector::Disconnect() {
-    if (bus_ == nullptr)
+    if (bus == nullptr)
         return;
     BeforeDisconnect();
-    sd_bus_detach_event(bus_.get());
-    bus_.reset();
+    sd_bus_detach_event(bus.get());
+    bus.reset();
 }
 
 DbusListener::DbusListener(sd_event* loop) : DbusConnector(loop) {}
@@ -52,9 +52,9 @@ DbusListener::~DbusListener() {
 }
 
 void DbusListener::BeforeDisconnect() {
-    for (auto& subscription : subscriptions_)
+    for (auto& subscription : subscriptions)
         subscription->slot.reset();
-    subscriptions_.clear();
+    subscriptions.clear();
 }
 
 int DbusListener::ListenSignal(const std::string& sender, const std::string& path,
@@ -75,7 +75,7 @@ int DbusListener::ListenSignal(const std::string& sender, const std::string& pat
     if (r < 0)
         return r;
     subscription->slot.reset(slot);
-    subscriptions_.push_back(std::move(subscription));
+    subscriptions.push_back(std::move(subscription));
     return 0;
 }
 

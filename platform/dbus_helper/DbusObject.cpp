@@ -10,10 +10,10 @@
 namespace DbusHelper {
 
 DbusObject::DbusObject(std::string objectPath, std::string interfaceName)
-    : path_(std::move(objectPath)), interface_(std::move(interfaceName)) {
-    methodWhere_ = interface_ + " method call";
-    getWhere_ = interface_ + " property get";
-    setWhere_ = interface_ + " property set";
+    : path(std::move(objectPath)), interface(std::move(interfaceName)) {
+    methodWhere = interface + " method call";
+    getWhere = interface + " property get";
+    setWhere = interface + " property set";
 }
 
 DbusObject::~DbusObject() {
@@ -21,13 +21,13 @@ DbusObject::~DbusObject() {
 }
 
 int DbusObject::Attach(sd_bus* connection, std::thread::id thread, std::shared_ptr<Loop::Queue> loopQueue) {
-    if (bus_ != nullptr)
+    if (bus != nullptr)
         return -EALREADY;
-    if (vtable_.empty() || vtable_.front().type != _SD_BUS_VTABLE_START ||
-        vtable_.back().type != _SD_BUS_VTABLE_END)
+    if (vtable.empty() || vtable.front().type != _SD_BUS_VTABLE_START ||
+        vtable.back().type != _SD_BUS_VTABLE_END)
         return -EINVAL;
 
-    std::vector<sd_bus_vtable> table = vtable_;
+    std::vector<sd_bus_vtable> table = vtable;
     std::map<std::string, sd_bus_message_handler_t> methodTable;
     std::map<std::string, std::pair<sd_bus_property_get_t, sd_bus_property_set_t>> propertyTable;
     for (auto& entry : table) {
@@ -50,34 +50,34 @@ int DbusObject::Attach(sd_bus* connection, std::thread::id thread, std::shared_p
                 break;
         }
     }
-    registered_ = std::move(table);
-    methods_ = std::move(methodTable);
-    properties_ = std::move(propertyTable);
+    registered = std::move(table);
+    methods = std::move(methodTable);
+    properties = std::move(propertyTable);
 
     sd_bus_slot* added = nullptr;
-    const int r = sd_bus_add_object_vtable(connection, &added, path_.c_str(), interface_.c_str(),
-                                           registered_.data(), this);
+    const int r = sd_bus_add_object_vtable(connection, &added, path.c_str(), interface.c_str(),
+                                           registered.data(), this);
     if (r < 0)
         return r;
-    slot_.reset(added);
-    bus_.reset(sd_bus_ref(connection));
-    busThread_ = thread;
-    queue_ = std::move(loopQueue);
+    slot.reset(added);
+    bus.reset(sd_bus_ref(connection));
+    busThread = thread;
+    queue = std::move(loopQueue);
     return r;
 }
 
 void DbusObject::Detach() {
-    slot_.reset();
-    bus_.reset();
-    queue_.reset();
+    slot.reset();
+    bus.reset();
+    queue.reset();
 }
 
 int DbusObject::MethodTrampoline(sd_bus_message* m, void* userdata, sd_bus_error* error) {
     auto* self = static_cast<DbusObject*>(userdata);
-    return CBoundary::Call(self->methodWhere_.c_str(), [&]() -> int {
+    return CBoundary::Call(self->methodWhere.c_str(), [&]() -> int {
         const char* member = sd_bus_message_get_member(m);
-        const auto it = self->methods_.find(member != nullptr ? member : "");
-        if (it == self->methods_.end())
+        const auto it = self->methods.find(member != nullptr ? member : "");
+        if (it == self->methods.end())
             return -EBADR;
         return it->second(m, userdata, error);
     });
@@ -86,9 +86,9 @@ int DbusObject::MethodTrampoline(sd_bus_message* m, void* userdata, sd_bus_error
 int DbusObject::GetTrampoline(sd_bus* bus, const char* path, const char* interface, const char* property,
                               sd_bus_message* reply, void* userdata, sd_bus_error* error) {
     auto* self = static_cast<DbusObject*>(userdata);
-    return CBoundary::Call(self->getWhere_.c_str(), [&]() -> int {
-        const auto it = self->properties_.find(property != nullptr ? property : "");
-        if (it == self->properties_.end() || it->second.first == nullptr)
+    return CBoundary::Call(self->getWhere.c_str(), [&]() -> int {
+        const auto it = self->properties.find(property != nullptr ? property : "");
+        if (it == self->properties.end() || it->second.first == nullptr)
             return -EBADR;
         return it->second.first(bus, path, interface, property, reply, userdata, error);
     });
@@ -97,47 +97,47 @@ int DbusObject::GetTrampoline(sd_bus* bus, const char* path, const char* interfa
 int DbusObject::SetTrampoline(sd_bus* bus, const char* path, const char* interface, const char* property,
                               sd_bus_message* value, void* userdata, sd_bus_error* error) {
     auto* self = static_cast<DbusObject*>(userdata);
-    return CBoundary::Call(self->setWhere_.c_str(), [&]() -> int {
-        const auto it = self->properties_.find(property != nullptr ? property : "");
-        if (it == self->properties_.end() || it->second.second == nullptr)
+    return CBoundary::Call(self->setWhere.c_str(), [&]() -> int {
+        const auto it = self->properties.find(property != nullptr ? property : "");
+        if (it == self->properties.end() || it->second.second == nullptr)
             return -EBADR;
         return it->second.second(bus, path, interface, property, value, userdata, error);
     });
 }
 
 bool DbusObject::IsBusThread() const {
-    return bus_ == nullptr || std::this_thread::get_id() == busThread_;
+    return bus == nullptr || std::this_thread::get_id() == busThread;
 }
 
 void DbusObject::OnBusThread(std::function<void()> task) {
-    if (queue_ == nullptr || IsBusThread()) {
+    if (queue == nullptr || IsBusThread()) {
         task();
         return;
     }
-    queue_->Post(std::move(task));
+    queue->Post(std::move(task));
 }
 
 int DbusObject::EmitSignal(const char* member, const char* types, ...) {
-    if (bus_ == nullptr)
+    if (bus == nullptr)
         return -ENOTCONN;
     if (!IsBusThread()) {
-        Logging::Log(LOG_ERR, "%s.%s: signal not emitted: called off the bus thread", interface_.c_str(),
+        Logging::Log(LOG_ERR, "%s.%s: signal not emitted: called off the bus thread", interface.c_str(),
                      member != nullptr ? member : "");
         return -EXDEV;
     }
     va_list ap;
     va_start(ap, types);
-    const int r = sd_bus_emit_signalv(bus_.get(), path_.c_str(), interface_.c_str(), member, types, ap);
+    const int r = sd_bus_emit_signalv(bus.get(), path.c_str(), interface.c_str(), member, types, ap);
     va_end(ap);
     return r;
 }
 
 int DbusObject::EmitPropertiesChanged(const std::vector<std::string>& names) {
-    if (bus_ == nullptr)
+    if (bus == nullptr)
         return -ENOTCONN;
     if (!IsBusThread()) {
         Logging::Log(LOG_ERR, "%s: properties change not emitted: called off the bus thread",
-                     interface_.c_str());
+                     interface.c_str());
         return -EXDEV;
     }
     std::vector<char*> list;
@@ -145,7 +145,7 @@ int DbusObject::EmitPropertiesChanged(const std::vector<std::string>& names) {
     for (const auto& name : names)
         list.push_back(const_cast<char*>(name.c_str()));
     list.push_back(nullptr);
-    return sd_bus_emit_properties_changed_strv(bus_.get(), path_.c_str(), interface_.c_str(), list.data());
+    return sd_bus_emit_properties_changed_strv(bus.get(), path.c_str(), interface.c_str(), list.data());
 }
 
 }  // namespace DbusHelper

@@ -96,7 +96,7 @@ void Log(int priority, const char* format, ...) {
     va_end(args);
 }
 
-Capture::Capture() : state_(new State) {
+Capture::Capture() : state(new State) {
     std::lock_guard<std::mutex> lock(CapturesMutex());
     Captures().push_back(this);
 }
@@ -107,17 +107,17 @@ Capture::~Capture() {
         auto& c = Captures();
         c.erase(std::remove(c.begin(), c.end(), this), c.end());
     }
-    delete state_;
+    delete state;
 }
 
 void Capture::Add(int priority, const std::string& text) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->lines.push_back({LOG_PRI(priority), text});
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->lines.push_back({LOG_PRI(priority), text});
 }
 
 std::vector<Line> Capture::Lines() const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->lines;
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->lines;
 }
 
 std::vector<std::string> Capture::Texts() const {
@@ -128,22 +128,22 @@ std::vector<std::string> Capture::Texts() const {
 }
 
 std::size_t Capture::Count(const std::string& text, int priority) const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::lock_guard<std::mutex> lock(state->mutex);
     return static_cast<std::size_t>(std::count_if(
-        state_->lines.begin(), state_->lines.end(),
+        state->lines.begin(), state->lines.end(),
         [&](const Line& l) { return l.text == text && (priority < 0 || l.priority == priority); }));
 }
 
 std::size_t Capture::CountContaining(const std::string& fragment) const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    std::lock_guard<std::mutex> lock(state->mutex);
     return static_cast<std::size_t>(
-        std::count_if(state_->lines.begin(), state_->lines.end(),
+        std::count_if(state->lines.begin(), state->lines.end(),
                       [&](const Line& l) { return l.text.find(fragment) != std::string::npos; }));
 }
 
 void Capture::Clear() {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->lines.clear();
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->lines.clear();
 }
 
 }  // namespace Logging

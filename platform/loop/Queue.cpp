@@ -12,33 +12,33 @@
 namespace Loop {
 
 Queue::Queue(sd_event* loop) {
-    fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd_ < 0)
+    fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd < 0)
         throw std::system_error(errno, std::generic_category(), "eventfd");
     sd_event_source* added = nullptr;
-    const int r = sd_event_add_io(loop, &added, fd_, EPOLLIN, &Queue::OnWake, this);
+    const int r = sd_event_add_io(loop, &added, fd, EPOLLIN, &Queue::OnWake, this);
     if (r < 0) {
-        close(fd_);
+        close(fd);
         throw std::system_error(-r, std::generic_category(), "sd_event_add_io");
     }
-    source_.reset(added);
+    source.reset(added);
     sd_event_source_set_description(added, "loop-queue");
 }
 
 Queue::~Queue() {
     // the loop must stop watching the eventfd before it is closed
-    source_.reset();
-    close(fd_);
+    source.reset();
+    close(fd);
 }
 
 void Queue::Post(std::function<void()> task) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        tasks_.push_back(std::move(task));
+        std::lock_guard<std::mutex> lock(mutex);
+        tasks.push_back(std::move(task));
     }
     const uint64_t one = 1;
     // EAGAIN means the counter is already non-zero: the loop will wake anyway
-    while (write(fd_, &one, sizeof one) < 0 && errno == EINTR) {
+    while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
     }
 }
 
@@ -48,12 +48,12 @@ int Queue::OnWake(sd_event_source*, int, uint32_t, void* userdata) {
 
 void Queue::Drain() {
     uint64_t count;
-    while (read(fd_, &count, sizeof count) < 0 && errno == EINTR) {
+    while (read(fd, &count, sizeof count) < 0 && errno == EINTR) {
     }
     std::deque<std::function<void()>> batch;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        batch.swap(tasks_);
+        std::lock_guard<std::mutex> lock(mutex);
+        batch.swap(tasks);
     }
     for (auto& task : batch)
         CBoundary::Call("LoopQueue task", task);

@@ -8,66 +8,66 @@ namespace tinyb {
 using detail::kAdapter;
 
 BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> shared, std::string objectPath)
-    : core_(std::move(shared)), path_(std::move(objectPath)) {}
+    : core(std::move(shared)), path(std::move(objectPath)) {}
 
 BluetoothAdapter::BluetoothAdapter(std::shared_ptr<detail::Core> shared, std::string objectPath,
                                    std::shared_ptr<const detail::Object> mirrored)
-    : core_(std::move(shared)), path_(std::move(objectPath)), object_(std::move(mirrored)) {}
+    : core(std::move(shared)), path(std::move(objectPath)), object(std::move(mirrored)) {}
 
 BluetoothAdapter::~BluetoothAdapter() = default;
 
 std::string BluetoothAdapter::get_address() {
-    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kAdapterAddress, {});
+    return core->PropertyOr<std::string>(path, object.get(), detail::kAdapterAddress, {});
 }
 
 std::string BluetoothAdapter::get_name() {
-    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kAdapterName, {});
+    return core->PropertyOr<std::string>(path, object.get(), detail::kAdapterName, {});
 }
 
 bool BluetoothAdapter::get_powered() {
-    return core_->PropertyOr(path_, object_.get(), detail::kPowered, false);
+    return core->PropertyOr(path, object.get(), detail::kPowered, false);
 }
 
 bool BluetoothAdapter::get_pairable() {
-    return core_->PropertyOr(path_, object_.get(), detail::kPairable, false);
+    return core->PropertyOr(path, object.get(), detail::kPairable, false);
 }
 
 bool BluetoothAdapter::get_discoverable() {
-    return core_->PropertyOr(path_, object_.get(), detail::kDiscoverable, false);
+    return core->PropertyOr(path, object.get(), detail::kDiscoverable, false);
 }
 
 bool BluetoothAdapter::get_discovering() {
-    return core_->PropertyOr(path_, object_.get(), detail::kDiscovering, false);
+    return core->PropertyOr(path, object.get(), detail::kDiscovering, false);
 }
 
 bool BluetoothAdapter::set_powered(bool value) {
-    core_->SetBool(path_, detail::kPowered, value);
+    core->SetBool(path, detail::kPowered, value);
     return true;
 }
 
 bool BluetoothAdapter::set_pairable(bool value) {
-    core_->SetBool(path_, detail::kPairable, value);
+    core->SetBool(path, detail::kPairable, value);
     return true;
 }
 
 bool BluetoothAdapter::set_discoverable(bool value) {
-    core_->SetBool(path_, detail::kDiscoverable, value);
+    core->SetBool(path, detail::kDiscoverable, value);
     return true;
 }
 
 bool BluetoothAdapter::start_discovery() {
-    return core_->StartDiscovery(path_);
+    return core->StartDiscovery(path);
 }
 
 bool BluetoothAdapter::stop_discovery() {
-    return core_->StopDiscovery(path_);
+    return core->StopDiscovery(path);
 }
 
 std::vector<std::unique_ptr<BluetoothDevice>> BluetoothAdapter::get_devices() {
     std::vector<std::unique_ptr<BluetoothDevice>> devices;
-    for (auto& child : core_->Children(detail::kDeviceAdapter, path_)) {
+    for (auto& child : core->Children(detail::kDeviceAdapter, path)) {
         devices.push_back(
-            std::make_unique<BluetoothDevice>(core_, std::move(child.path), std::move(child.object)));
+            std::make_unique<BluetoothDevice>(core, std::move(child.path), std::move(child.object)));
     }
     return devices;
 }

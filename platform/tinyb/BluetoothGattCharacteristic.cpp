@@ -22,41 +22,41 @@ int AppendOptions(sd_bus_message* m, uint16_t offset) {
 
 BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> shared,
                                                          std::string objectPath)
-    : core_(std::move(shared)), path_(std::move(objectPath)) {}
+    : core(std::move(shared)), path(std::move(objectPath)) {}
 
 BluetoothGattCharacteristic::BluetoothGattCharacteristic(std::shared_ptr<detail::Core> shared,
                                                          std::string objectPath,
                                                          std::shared_ptr<const detail::Object> mirrored)
-    : core_(std::move(shared)), path_(std::move(objectPath)), object_(std::move(mirrored)) {}
+    : core(std::move(shared)), path(std::move(objectPath)), object(std::move(mirrored)) {}
 
 BluetoothGattCharacteristic::~BluetoothGattCharacteristic() = default;
 
 std::string BluetoothGattCharacteristic::get_uuid() {
-    return core_->PropertyOr<std::string>(path_, object_.get(), detail::kCharacteristicUuid, {});
+    return core->PropertyOr<std::string>(path, object.get(), detail::kCharacteristicUuid, {});
 }
 
 std::vector<std::string> BluetoothGattCharacteristic::get_flags() {
-    return core_->PropertyOr<std::vector<std::string>>(path_, object_.get(), detail::kFlags, {});
+    return core->PropertyOr<std::vector<std::string>>(path, object.get(), detail::kFlags, {});
 }
 
 bool BluetoothGattCharacteristic::get_notifying() {
-    return core_->PropertyOr(path_, object_.get(), detail::kNotifying, false);
+    return core->PropertyOr(path, object.get(), detail::kNotifying, false);
 }
 
 std::vector<uint8_t> BluetoothGattCharacteristic::get_value() {
-    return core_->PropertyOr<detail::Bytes>(path_, object_.get(), detail::kValue, {});
+    return core->PropertyOr<detail::Bytes>(path, object.get(), detail::kValue, {});
 }
 
 std::unique_ptr<BluetoothGattService> BluetoothGattCharacteristic::get_service() {
-    auto service = core_->Property<std::string>(path_, object_.get(), detail::kCharacteristicService);
+    auto service = core->Property<std::string>(path, object.get(), detail::kCharacteristicService);
     if (!service)
-        throw BluetoothException("org.bluez.Error.DoesNotExist", "no service for " + path_);
-    return std::make_unique<BluetoothGattService>(core_, std::move(*service));
+        throw BluetoothException("org.bluez.Error.DoesNotExist", "no service for " + path);
+    return std::make_unique<BluetoothGattService>(core, std::move(*service));
 }
 
 std::vector<uint8_t> BluetoothGattCharacteristic::read_value(uint16_t offset) {
-    return core_->Call<std::vector<uint8_t>>(
-        path_, kCharacteristicIface, "ReadValue",
+    return core->Call<std::vector<uint8_t>>(
+        path, kCharacteristicIface, "ReadValue",
         [offset](sd_bus_message* m) { return AppendOptions(m, offset); },
         [](sd_bus_message* reply) {
             const void* data = nullptr;
@@ -70,7 +70,7 @@ std::vector<uint8_t> BluetoothGattCharacteristic::read_value(uint16_t offset) {
 }
 
 bool BluetoothGattCharacteristic::write_value(const std::vector<uint8_t>& value, uint16_t offset) {
-    core_->CallVoid(path_, kCharacteristicIface, "WriteValue", [value, offset](sd_bus_message* m) {
+    core->CallVoid(path, kCharacteristicIface, "WriteValue", [value, offset](sd_bus_message* m) {
         int r = sd_bus_message_append_array(m, SD_BUS_TYPE_BYTE, value.data(), value.size());
         return r < 0 ? r : AppendOptions(m, offset);
     });
@@ -78,8 +78,8 @@ bool BluetoothGattCharacteristic::write_value(const std::vector<uint8_t>& value,
 }
 
 bool BluetoothGattCharacteristic::enable_value_notifications(ValueCallback callback) {
-    auto shared = core_;
-    const std::string characteristicPath = path_;
+    auto shared = core;
+    const std::string characteristicPath = path;
     // Registered before StartNotify goes out, so that the first notification already finds it.
     shared->RunOnLoop(
         [shared, characteristicPath, callback] { shared->SetValueCallback(characteristicPath, callback); });
@@ -93,8 +93,8 @@ bool BluetoothGattCharacteristic::enable_value_notifications(ValueCallback callb
 }
 
 bool BluetoothGattCharacteristic::disable_value_notifications() {
-    auto shared = core_;
-    const std::string characteristicPath = path_;
+    auto shared = core;
+    const std::string characteristicPath = path;
     shared->RunOnLoop([shared, characteristicPath] { shared->ClearValueCallback(characteristicPath); });
     shared->CallVoid(characteristicPath, kCharacteristicIface, "StopNotify");
     return true;

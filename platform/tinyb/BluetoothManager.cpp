@@ -29,7 +29,7 @@ std::string RequireDefaultAdapter(detail::Core& core) {
 
 }  // namespace
 
-BluetoothManager::BluetoothManager(std::shared_ptr<detail::Core> shared) : core_(std::move(shared)) {}
+BluetoothManager::BluetoothManager(std::shared_ptr<detail::Core> shared) : core(std::move(shared)) {}
 
 BluetoothManager* BluetoothManager::get_bluetooth_manager() {
     std::lock_guard<std::mutex> lock(g_singletonMutex);
@@ -39,41 +39,41 @@ BluetoothManager* BluetoothManager::get_bluetooth_manager() {
 }
 
 std::unique_ptr<BluetoothAdapter> BluetoothManager::get_default_adapter() {
-    return std::make_unique<BluetoothAdapter>(core_, RequireDefaultAdapter(*core_));
+    return std::make_unique<BluetoothAdapter>(core, RequireDefaultAdapter(*core));
 }
 
 std::vector<std::unique_ptr<BluetoothAdapter>> BluetoothManager::get_adapters() {
     std::vector<std::unique_ptr<BluetoothAdapter>> adapters;
-    for (auto& path : core_->Adapters())
-        adapters.push_back(std::make_unique<BluetoothAdapter>(core_, std::move(path)));
+    for (auto& path : core->Adapters())
+        adapters.push_back(std::make_unique<BluetoothAdapter>(core, std::move(path)));
     return adapters;
 }
 
 std::vector<std::unique_ptr<BluetoothDevice>> BluetoothManager::get_devices() {
     std::vector<std::unique_ptr<BluetoothDevice>> devices;
-    const std::string adapter = DefaultAdapterPath(*core_);
+    const std::string adapter = DefaultAdapterPath(*core);
     if (adapter.empty())
         return devices;
-    auto children = core_->Children(detail::kDeviceAdapter, adapter);
+    auto children = core->Children(detail::kDeviceAdapter, adapter);
     devices.reserve(children.size());
     for (auto& child : children) {
         devices.push_back(
-            std::make_unique<BluetoothDevice>(core_, std::move(child.path), std::move(child.object)));
+            std::make_unique<BluetoothDevice>(core, std::move(child.path), std::move(child.object)));
     }
     return devices;
 }
 
 bool BluetoothManager::start_discovery() {
-    return core_->StartDiscovery(RequireDefaultAdapter(*core_));
+    return core->StartDiscovery(RequireDefaultAdapter(*core));
 }
 
 bool BluetoothManager::stop_discovery() {
-    return core_->StopDiscovery(RequireDefaultAdapter(*core_));
+    return core->StopDiscovery(RequireDefaultAdapter(*core));
 }
 
 bool BluetoothManager::get_discovering() {
-    const std::string adapter = DefaultAdapterPath(*core_);
-    return !adapter.empty() && core_->DiscoverySession(adapter);
+    const std::string adapter = DefaultAdapterPath(*core);
+    return !adapter.empty() && core->DiscoverySession(adapter);
 }
 
 uint64_t BluetoothManager::get_method_call_count() {

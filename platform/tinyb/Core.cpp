@@ -48,34 +48,34 @@ std::shared_ptr<Core> Core::Start() {
     // shared: the library thread may still be inside set_value() when this thread has moved on
     auto started = std::make_shared<std::promise<Failure>>();
     auto ready = started->get_future();
-    core->thread_ = std::thread([raw = core.get(), started] { raw->Run(*started); });
+    core->thread = std::thread([raw = core.get(), started] { raw->Run(*started); });
     const Failure failure = ready.get();
     if (failure.failed) {
-        core->thread_.join();
+        core->thread.join();
         throw BluetoothException(failure.name, failure.message);
     }
     return core;
 }
 
 Core::~Core() {
-    if (thread_.joinable()) {
+    if (thread.joinable()) {
         if (OnLoopThread()) {
-            thread_.detach();
+            thread.detach();
             // Dropped by one of its own callbacks: the loop still runs on the bus, the matches and
             // itself, so they must not go away under it.
-            for (DbusHelper::Slot& match : matches_)
+            for (DbusHelper::Slot& match : matches)
                 (void)match.release();
-            (void)bus_.release();
-            (void)event_.release();
+            (void)bus.release();
+            (void)event.release();
         } else {
-            Post([this] { sd_event_exit(event_.get(), 0); });
-            thread_.join();
+            Post([this] { sd_event_exit(event.get(), 0); });
+            thread.join();
         }
     }
 }
 
 void Core::Run(std::promise<Failure>& started) {
-    loopThreadId_ = std::this_thread::get_id();
+    loopThreadId = std::this_thread::get_id();
     Failure failure;
     try {
         Setup();
@@ -94,7 +94,7 @@ void Core::Run(std::promise<Failure>& started) {
         return;
     }
     started.set_value(failure);
-    const int r = sd_event_loop(event_.get());
+    const int r = sd_event_loop(event.get());
     if (r < 0)
         Logging::Log(LOG_ERR, "tinyb: event loop ended: %s", ErrnoText(r).c_str());
     Teardown();
@@ -102,12 +102,12 @@ void Core::Run(std::promise<Failure>& started) {
 
 void Core::Teardown() {
     {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        queue_.reset();
+        std::lock_guard<std::mutex> lock(queueMutex);
+        queue.reset();
     }
-    matches_.clear();
-    bus_.reset();
-    event_.reset();
+    matches.clear();
+    bus.reset();
+    event.reset();
 }
 
 void Core::Setup() {
@@ -115,18 +115,18 @@ void Core::Setup() {
     int r = sd_event_new(&loopEvent);
     if (r < 0)
         throw BluetoothException("cannot create an event loop: " + ErrnoText(r));
-    event_.reset(loopEvent);
+    event.reset(loopEvent);
     sd_bus* connection = nullptr;
     r = sd_bus_open_system_with_description(&connection, "tinyb");
     if (r < 0)
         throw BluetoothException("cannot connect to the system bus: " + ErrnoText(r));
-    bus_.reset(connection);
+    bus.reset(connection);
     r = sd_bus_attach_event(connection, loopEvent, SD_EVENT_PRIORITY_NORMAL);
     if (r < 0)
         throw BluetoothException("cannot attach the system bus: " + ErrnoText(r));
     {
-        std::lock_guard<std::mutex> lock(queueMutex_);
-        queue_ = std::make_unique<Loop::Queue>(loopEvent);
+        std::lock_guard<std::mutex> lock(queueMutex);
+        queue = std::make_unique<Loop::Queue>(loopEvent);
     }
 
     // Matches first, so that nothing BlueZ changes after its object list is missed.
@@ -170,11 +170,11 @@ void Core::AddMatches() {
     }
     for (const Match& match : rules) {
         sd_bus_slot* slot = nullptr;
-        const int r = sd_bus_add_match(bus_.get(), &slot, match.rule.c_str(), match.handler, this);
+        const int r = sd_bus_add_match(bus.get(), &slot, match.rule.c_str(), match.handler, this);
         DbusHelper::Slot owned(slot);
         if (r < 0)
             throw BluetoothException("cannot subscribe to BlueZ's signals: " + ErrnoText(r));
-        matches_.push_back(std::move(owned));
+        matches.push_back(std::move(owned));
     }
 }
 
@@ -183,8 +183,8 @@ void Core::AddMatches() {
 const PropSet& Core::Locate(const std::string& path, const Object* hint, Iface iface) const {
     const Object* object = hint;
     if (object == nullptr || !object->alive) {
-        auto it = index_.find(path);
-        if (it != index_.end())
+        auto it = index.find(path);
+        if (it != index.end())
             object = it->second->get();
     }
     if (object == nullptr || (object->mask & (1u << iface)) == 0) {
@@ -195,8 +195,8 @@ const PropSet& Core::Locate(const std::string& path, const Object* hint, Iface i
 }
 
 PropSet* Core::Mirrored(const std::string& path, Iface iface) {
-    auto it = index_.find(path);
-    if (it == index_.end() || ((*it->second)->mask & (1u << iface)) == 0)
+    auto it = index.find(path);
+    if (it == index.end() || ((*it->second)->mask & (1u << iface)) == 0)
         return nullptr;
     return &(*it->second)->props[iface];
 }
@@ -204,8 +204,8 @@ PropSet* Core::Mirrored(const std::string& path, Iface iface) {
 std::vector<Core::Child> Core::Children(Prop parent, const std::string& path) const {
     const Iface iface = IfaceOf(parent);
     std::vector<Child> children;
-    std::shared_lock<std::shared_mutex> lock(cacheMutex_);
-    for (const auto& object : objects_) {
+    std::shared_lock<std::shared_mutex> lock(cacheMutex);
+    for (const auto& object : objects) {
         if ((object->mask & (1u << iface)) == 0)
             continue;
         const Value* value = object->props[iface].Get(parent);
@@ -217,8 +217,8 @@ std::vector<Core::Child> Core::Children(Prop parent, const std::string& path) co
 }
 
 std::vector<std::string> Core::Adapters() const {
-    std::shared_lock<std::shared_mutex> lock(cacheMutex_);
-    return adapters_;
+    std::shared_lock<std::shared_mutex> lock(cacheMutex);
+    return adapters;
 }
 
 void Core::LoadObjects(sd_bus_message* reply) {
@@ -243,13 +243,13 @@ void Core::LoadObjects(sd_bus_message* reply) {
 void Core::ApplyInterfacesAdded(const char* path, IfaceProps& props, unsigned mask) {
     if (mask == 0)
         return;
-    std::unique_lock<std::shared_mutex> lock(cacheMutex_);
-    auto it = index_.find(path);
-    if (it == index_.end()) {
+    std::unique_lock<std::shared_mutex> lock(cacheMutex);
+    auto it = index.find(path);
+    if (it == index.end()) {
         auto object = std::make_shared<Object>();
         object->path = path;
-        objects_.push_back(std::move(object));
-        it = index_.emplace(path, std::prev(objects_.end())).first;
+        objects.push_back(std::move(object));
+        it = index.emplace(path, std::prev(objects.end())).first;
     }
     Object& object = **it->second;
     for (unsigned i = 0; i < kIfaceCount; ++i) {
@@ -257,8 +257,8 @@ void Core::ApplyInterfacesAdded(const char* path, IfaceProps& props, unsigned ma
             object.props[i].Merge(std::move(props[i]));
     }
     if ((mask & (1u << kAdapter)) != 0 && (object.mask & (1u << kAdapter)) == 0) {
-        adapters_.push_back(object.path);
-        std::stable_sort(adapters_.begin(), adapters_.end(), [](const std::string& a, const std::string& b) {
+        adapters.push_back(object.path);
+        std::stable_sort(adapters.begin(), adapters.end(), [](const std::string& a, const std::string& b) {
             const auto ia = AdapterIndex(a), ib = AdapterIndex(b);
             return ia != ib ? ia < ib : a < b;
         });
@@ -268,19 +268,19 @@ void Core::ApplyInterfacesAdded(const char* path, IfaceProps& props, unsigned ma
 
 void Core::ApplyInterfacesRemoved(const char* path, unsigned mask) {
     {
-        std::unique_lock<std::shared_mutex> lock(cacheMutex_);
-        auto it = index_.find(path);
-        if (it == index_.end())
+        std::unique_lock<std::shared_mutex> lock(cacheMutex);
+        auto it = index.find(path);
+        if (it == index.end())
             return;
         Object& object = **it->second;
         if ((mask & object.mask & (1u << kAdapter)) != 0) {
-            adapters_.erase(std::remove(adapters_.begin(), adapters_.end(), object.path), adapters_.end());
+            adapters.erase(std::remove(adapters.begin(), adapters.end(), object.path), adapters.end());
         }
         if ((object.mask & ~mask) == 0) {
             // Gone: handles keep its last values.
             object.alive = false;
-            objects_.erase(it->second);
-            index_.erase(it);
+            objects.erase(it->second);
+            index.erase(it);
         } else {
             for (unsigned i = 0; i < kIfaceCount; ++i) {
                 if ((mask & (1u << i)) != 0)
@@ -290,37 +290,37 @@ void Core::ApplyInterfacesRemoved(const char* path, unsigned mask) {
         }
     }
     if ((mask & (1u << kAdapter)) != 0) {
-        std::lock_guard<std::mutex> lock(discoveryMutex_);
-        discoverySessions_.erase(path);
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        discoverySessions.erase(path);
     }
     if ((mask & (1u << kCharacteristic)) != 0)
-        valueCallbacks_.erase(path);
+        valueCallbacks.erase(path);
 }
 
 void Core::ClearCache() {
     {
-        std::unique_lock<std::shared_mutex> lock(cacheMutex_);
-        for (auto& object : objects_)
+        std::unique_lock<std::shared_mutex> lock(cacheMutex);
+        for (auto& object : objects)
             object->alive = false;
-        objects_.clear();
-        index_.clear();
-        adapters_.clear();
+        objects.clear();
+        index.clear();
+        adapters.clear();
     }
     {
-        std::lock_guard<std::mutex> lock(discoveryMutex_);
-        discoverySessions_.clear();
+        std::lock_guard<std::mutex> lock(discoveryMutex);
+        discoverySessions.clear();
     }
-    valueCallbacks_.clear();
+    valueCallbacks.clear();
 }
 
 void Core::RequestObjects() {
     sd_bus_message* built = nullptr;
     int r =
-        sd_bus_message_new_method_call(bus_.get(), &built, kBluez, "/", kObjectManager, "GetManagedObjects");
+        sd_bus_message_new_method_call(bus.get(), &built, kBluez, "/", kObjectManager, "GetManagedObjects");
     const DbusHelper::Message m(built);
     if (r >= 0) {
         g_methodCalls.fetch_add(1, std::memory_order_relaxed);
-        r = sd_bus_call_async(bus_.get(), nullptr, m.get(), &Core::OnObjectsLoaded, this, kCallTimeoutUsec);
+        r = sd_bus_call_async(bus.get(), nullptr, m.get(), &Core::OnObjectsLoaded, this, kCallTimeoutUsec);
     }
     if (r < 0)
         Logging::Log(LOG_ERR, "tinyb: cannot ask BlueZ for its objects: %s", ErrnoText(r).c_str());
@@ -397,20 +397,20 @@ int Core::OnPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_error*) 
             const Value* powered = changed.Get(kPowered);
             const bool* on = powered == nullptr ? nullptr : std::get_if<bool>(powered);
             if (on != nullptr && !*on) {
-                std::lock_guard<std::mutex> lock(core->discoveryMutex_);
-                core->discoverySessions_.erase(path);
+                std::lock_guard<std::mutex> lock(core->discoveryMutex);
+                core->discoverySessions.erase(path);
             }
         }
         // A notification's value is copied out before the cache takes it over.
         std::optional<Bytes> notified;
-        if (which == kCharacteristic && core->valueCallbacks_.count(path) != 0) {
+        if (which == kCharacteristic && core->valueCallbacks.count(path) != 0) {
             const Value* value = changed.Get(kValue);
             const auto* bytes = value == nullptr ? nullptr : std::get_if<Bytes>(value);
             if (bytes != nullptr)
                 notified = *bytes;
         }
         {
-            std::unique_lock<std::shared_mutex> lock(core->cacheMutex_);
+            std::unique_lock<std::shared_mutex> lock(core->cacheMutex);
             // BlueZ announces an interface before changing it; anything else is stale
             PropSet* props = core->Mirrored(path, which);
             if (props == nullptr)
@@ -420,8 +420,8 @@ int Core::OnPropertiesChanged(sd_bus_message* m, void* userdata, sd_bus_error*) 
                 props->Erase(gone);
         }
         if (notified) {
-            auto callback = core->valueCallbacks_.find(path);
-            if (callback == core->valueCallbacks_.end())
+            auto callback = core->valueCallbacks.find(path);
+            if (callback == core->valueCallbacks.end())
                 return;
             // A copy: the callback may withdraw itself while it runs.
             auto function = callback->second;
@@ -467,10 +467,10 @@ void Core::Submit(Request request) {
 }
 
 bool Core::Post(std::function<void()> task) {
-    std::lock_guard<std::mutex> lock(queueMutex_);
-    if (!queue_)
+    std::lock_guard<std::mutex> lock(queueMutex);
+    if (!queue)
         return false;
-    queue_->Post(std::move(task));
+    queue->Post(std::move(task));
     return true;
 }
 
@@ -479,7 +479,7 @@ bool Core::Post(std::function<void()> task) {
 void Core::SendSync(Request& request) {
     DbusHelper::CallFailure failure;
     const int r = DbusHelper::CallMethod(
-        bus_.get(), DbusHelper::BusKind::System, kBluez, request.path, request.iface, request.member,
+        bus.get(), DbusHelper::BusKind::System, kBluez, request.path, request.iface, request.member,
         [&request](sd_bus_message* m) {
             const int built = request.append ? request.append(m) : 0;
             if (built >= 0)
@@ -500,7 +500,7 @@ void Core::SendSync(Request& request) {
 // Library thread: builds and sends the call asynchronously; OnReply completes it.
 void Core::Send(Request& request) {
     sd_bus_message* built = nullptr;
-    int r = sd_bus_message_new_method_call(bus_.get(), &built, kBluez, request.path.c_str(), request.iface,
+    int r = sd_bus_message_new_method_call(bus.get(), &built, kBluez, request.path.c_str(), request.iface,
                                            request.member);
     const DbusHelper::Message m(built);
     if (r >= 0 && request.append)
@@ -512,7 +512,7 @@ void Core::Send(Request& request) {
     g_methodCalls.fetch_add(1, std::memory_order_relaxed);
     auto* pending = new Pending{std::move(request), false};
     sd_bus_slot* raw = nullptr;
-    r = sd_bus_call_async(bus_.get(), &raw, m.get(), &Core::OnReply, pending, pending->request.timeoutUsec);
+    r = sd_bus_call_async(bus.get(), &raw, m.get(), &Core::OnReply, pending, pending->request.timeoutUsec);
     if (r < 0) {
         pending->request.done(nullptr, "",
                               "cannot send " + std::string(pending->request.member) + ": " + ErrnoText(r));
@@ -597,7 +597,7 @@ void Core::Refresh(const std::string& path, Iface iface) {
             const int r = ReadProperties(reply, iface, fresh);
             if (r < 0)
                 throw BluetoothException("malformed GetAll reply: " + ErrnoText(r));
-            std::unique_lock<std::shared_mutex> lock(cacheMutex_);
+            std::unique_lock<std::shared_mutex> lock(cacheMutex);
             if (PropSet* props = Mirrored(path, iface))
                 props->Merge(std::move(fresh));
             return true;
@@ -608,12 +608,12 @@ void Core::Refresh(const std::string& path, Iface iface) {
 // ---------------------------------------------------------------- discovery
 
 bool Core::DiscoverySession(const std::string& adapter) const {
-    std::lock_guard<std::mutex> lock(discoveryMutex_);
-    return discoverySessions_.count(adapter) != 0;
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    return discoverySessions.count(adapter) != 0;
 }
 
 bool Core::StartDiscovery(const std::string& adapter) {
-    std::unique_lock<std::mutex> serial(discoveryCallMutex_, std::defer_lock);
+    std::unique_lock<std::mutex> serial(discoveryCallMutex, std::defer_lock);
     if (!OnLoopThread())
         serial.lock();
     if (DiscoverySession(adapter))
@@ -623,18 +623,18 @@ bool Core::StartDiscovery(const std::string& adapter) {
     } catch (const BluetoothException& e) {
         // BlueZ says this client's discovery already runs: remember it, so that a stop goes out
         if (e.error_name() == "org.bluez.Error.InProgress") {
-            std::lock_guard<std::mutex> lock(discoveryMutex_);
-            discoverySessions_.insert(adapter);
+            std::lock_guard<std::mutex> lock(discoveryMutex);
+            discoverySessions.insert(adapter);
         }
         throw;
     }
-    std::lock_guard<std::mutex> lock(discoveryMutex_);
-    discoverySessions_.insert(adapter);
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    discoverySessions.insert(adapter);
     return true;
 }
 
 bool Core::StopDiscovery(const std::string& adapter) {
-    std::unique_lock<std::mutex> serial(discoveryCallMutex_, std::defer_lock);
+    std::unique_lock<std::mutex> serial(discoveryCallMutex, std::defer_lock);
     if (!OnLoopThread())
         serial.lock();
     if (!DiscoverySession(adapter))
@@ -646,24 +646,24 @@ bool Core::StopDiscovery(const std::string& adapter) {
         // the answer never came.
         if (e.error_name() != "org.freedesktop.DBus.Error.Timeout" &&
             e.error_name() != "org.freedesktop.DBus.Error.NoReply") {
-            std::lock_guard<std::mutex> lock(discoveryMutex_);
-            discoverySessions_.erase(adapter);
+            std::lock_guard<std::mutex> lock(discoveryMutex);
+            discoverySessions.erase(adapter);
         }
         throw;
     }
-    std::lock_guard<std::mutex> lock(discoveryMutex_);
-    discoverySessions_.erase(adapter);
+    std::lock_guard<std::mutex> lock(discoveryMutex);
+    discoverySessions.erase(adapter);
     return true;
 }
 
 // ---------------------------------------------------------------- notifications
 
 void Core::SetValueCallback(const std::string& path, BluetoothGattCharacteristic::ValueCallback callback) {
-    valueCallbacks_[path] = std::move(callback);
+    valueCallbacks[path] = std::move(callback);
 }
 
 void Core::ClearValueCallback(const std::string& path) {
-    valueCallbacks_.erase(path);
+    valueCallbacks.erase(path);
 }
 
 }  // namespace tinyb::detail

@@ -64,7 +64,7 @@ class Core {
     // interface; nullopt when the property is absent or of another type.
     template <typename T>
     std::optional<T> Property(const std::string& path, const Object* hint, Prop prop) const {
-        std::shared_lock<std::shared_mutex> lock(cacheMutex_);
+        std::shared_lock<std::shared_mutex> lock(cacheMutex);
         const Value* value = Locate(path, hint, IfaceOf(prop)).Get(prop);
         if (value == nullptr)
             return std::nullopt;
@@ -142,7 +142,7 @@ class Core {
     // what it uses.
     void RunOnLoop(std::function<void()> task);
 
-    bool OnLoopThread() const { return std::this_thread::get_id() == loopThreadId_; }
+    bool OnLoopThread() const { return std::this_thread::get_id() == loopThreadId; }
 
     // ---- discovery sessions of this process, tracked from the calls' results
     bool StartDiscovery(const std::string& adapter);
@@ -215,27 +215,27 @@ class Core {
     static int OnNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int OnObjectsLoaded(sd_bus_message* m, void* userdata, sd_bus_error* error);
 
-    std::thread thread_;
-    std::thread::id loopThreadId_;
-    DbusHelper::Event event_;
-    DbusHelper::Bus bus_;
+    std::thread thread;
+    std::thread::id loopThreadId;
+    DbusHelper::Event event;
+    DbusHelper::Bus bus;
     // Guards queue_ itself: the library thread drops it when its loop ends while others may still post.
-    std::mutex queueMutex_;
-    std::unique_ptr<Loop::Queue> queue_;
-    std::vector<DbusHelper::Slot> matches_;
+    std::mutex queueMutex;
+    std::unique_ptr<Loop::Queue> queue;
+    std::vector<DbusHelper::Slot> matches;
 
-    mutable std::shared_mutex cacheMutex_;
-    std::list<std::shared_ptr<Object>> objects_;  // BlueZ's order
-    std::unordered_map<std::string, std::list<std::shared_ptr<Object>>::iterator> index_;
-    std::vector<std::string> adapters_;  // lowest hciN first
+    mutable std::shared_mutex cacheMutex;
+    std::list<std::shared_ptr<Object>> objects;  // BlueZ's order
+    std::unordered_map<std::string, std::list<std::shared_ptr<Object>>::iterator> index;
+    std::vector<std::string> adapters;  // lowest hciN first
 
     // Serialises discovery calls of non-library threads, so that two callers never both start.
-    std::mutex discoveryCallMutex_;
-    mutable std::mutex discoveryMutex_;
-    std::set<std::string> discoverySessions_;
+    std::mutex discoveryCallMutex;
+    mutable std::mutex discoveryMutex;
+    std::set<std::string> discoverySessions;
 
     // Library thread only.
-    std::unordered_map<std::string, BluetoothGattCharacteristic::ValueCallback> valueCallbacks_;
+    std::unordered_map<std::string, BluetoothGattCharacteristic::ValueCallback> valueCallbacks;
 };
 
 }  // namespace tinyb::detail

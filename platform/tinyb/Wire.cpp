@@ -73,46 +73,46 @@ Iface IfaceOf(Prop prop) {
 }
 
 const Value* PropSet::Get(Prop prop) const {
-    if (iface_ == kIfaceCount || iface_ != IfaceOf(prop))
+    if (iface == kIfaceCount || iface != IfaceOf(prop))
         return nullptr;
-    const unsigned slot = prop - kFirstProp[iface_];
-    return (present_ & (1u << slot)) != 0 ? &slots_[slot] : nullptr;
+    const unsigned slot = prop - kFirstProp[iface];
+    return (present & (1u << slot)) != 0 ? &slots[slot] : nullptr;
 }
 
 void PropSet::Set(Prop prop, Value value) {
     const Iface which = IfaceOf(prop);
-    if (iface_ != which) {
-        iface_ = which;
-        present_ = 0;
-        slots_.assign(kFirstProp[which + 1] - kFirstProp[which], Value{});
+    if (iface != which) {
+        iface = which;
+        present = 0;
+        slots.assign(kFirstProp[which + 1] - kFirstProp[which], Value{});
     }
     const unsigned slot = prop - kFirstProp[which];
-    slots_[slot] = std::move(value);
-    present_ |= 1u << slot;
+    slots[slot] = std::move(value);
+    present |= 1u << slot;
 }
 
 void PropSet::Erase(Prop prop) {
-    if (iface_ != IfaceOf(prop))
+    if (iface != IfaceOf(prop))
         return;
-    const unsigned slot = prop - kFirstProp[iface_];
-    slots_[slot] = Value{};
-    present_ &= ~(1u << slot);
+    const unsigned slot = prop - kFirstProp[iface];
+    slots[slot] = Value{};
+    present &= ~(1u << slot);
 }
 
 void PropSet::Merge(PropSet&& other) {
-    if (other.iface_ == kIfaceCount)
+    if (other.iface == kIfaceCount)
         return;
-    for (unsigned slot = 0; slot < other.slots_.size(); ++slot) {
-        if ((other.present_ & (1u << slot)) != 0) {
-            Set(static_cast<Prop>(kFirstProp[other.iface_] + slot), std::move(other.slots_[slot]));
+    for (unsigned slot = 0; slot < other.slots.size(); ++slot) {
+        if ((other.present & (1u << slot)) != 0) {
+            Set(static_cast<Prop>(kFirstProp[other.iface] + slot), std::move(other.slots[slot]));
         }
     }
 }
 
 void PropSet::Clear() {
-    present_ = 0;
-    slots_.clear();
-    iface_ = kIfaceCount;
+    present = 0;
+    slots.clear();
+    iface = kIfaceCount;
 }
 
 namespace {

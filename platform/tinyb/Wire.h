@@ -68,7 +68,7 @@ Iface IfaceOf(Prop prop);
 // One interface's properties of one object: a slot per property of that interface.
 class PropSet {
   public:
-    bool Empty() const { return present_ == 0; }
+    bool Empty() const { return present == 0; }
     // nullptr when absent
     const Value* Get(Prop prop) const;
     void Set(Prop prop, Value value);
@@ -78,9 +78,9 @@ class PropSet {
     void Clear();
 
   private:
-    uint32_t present_ = 0;
-    std::vector<Value> slots_;
-    Iface iface_ = kIfaceCount;
+    uint32_t present = 0;
+    std::vector<Value> slots;
+    Iface iface = kIfaceCount;
 };
 
 using IfaceProps = std::array<PropSet, kIfaceCount>;

@@ -71,30 +71,30 @@ int CallMethod(Bus bus, const char* destination, const char* path, const char* i
     return r;
 }
 
-NotifySocket::NotifySocket(std::string socketPath) : path_(std::move(socketPath)) {
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd_ < 0)
+NotifySocket::NotifySocket(std::string socketPath) : path(std::move(socketPath)) {
+    fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
         throw std::runtime_error("socket");
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (path_.size() >= sizeof addr.sun_path)
+    if (path.size() >= sizeof addr.sun_path)
         throw std::runtime_error("notify socket path too long");
-    std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
-    unlink(path_.c_str());
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0)
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    unlink(path.c_str());
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) < 0)
         throw std::runtime_error("bind");
 }
 
 NotifySocket::~NotifySocket() {
-    close(fd_);
-    unlink(path_.c_str());
+    close(fd);
+    unlink(path.c_str());
 }
 
 std::optional<std::string> NotifySocket::WaitFor(const std::string& line, std::chrono::milliseconds timeout) {
     auto holds = [&](const std::string& msg) {
         return ("\n" + msg + "\n").find("\n" + line + "\n") != std::string::npos;
     };
-    for (const auto& m : seen_)
+    for (const auto& m : seen)
         if (holds(m))
             return m;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -103,16 +103,16 @@ std::optional<std::string> NotifySocket::WaitFor(const std::string& line, std::c
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0)
             return std::nullopt;
-        pollfd p{fd_, POLLIN, 0};
+        pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, static_cast<int>(left.count())) <= 0)
             continue;
         char buf[4096];
-        const ssize_t n = recv(fd_, buf, sizeof buf, 0);
+        const ssize_t n = recv(fd, buf, sizeof buf, 0);
         if (n <= 0)
             continue;
-        seen_.emplace_back(buf, static_cast<size_t>(n));
-        if (holds(seen_.back()))
-            return seen_.back();
+        seen.emplace_back(buf, static_cast<size_t>(n));
+        if (holds(seen.back()))
+            return seen.back();
     }
 }
 
@@ -122,21 +122,21 @@ ScopedIdentity::ScopedIdentity(const std::string& serial, const std::string& mod
     if (fd < 0)
         throw std::runtime_error("mkstemp");
     close(fd);
-    path_ = tmpl;
-    WriteFile(path_,
+    path = tmpl;
+    WriteFile(path,
               "serial=" + serial + "\nmodel=" + model + "\nradio_type=" + std::to_string(radioType) + "\n");
     const char* prev = std::getenv("VANTU_IDENTITY_FILE");
     if (prev != nullptr)
-        previous_ = prev;
-    setenv("VANTU_IDENTITY_FILE", path_.c_str(), 1);
+        previous = prev;
+    setenv("VANTU_IDENTITY_FILE", path.c_str(), 1);
 }
 
 ScopedIdentity::~ScopedIdentity() {
-    if (previous_)
-        setenv("VANTU_IDENTITY_FILE", previous_->c_str(), 1);
+    if (previous)
+        setenv("VANTU_IDENTITY_FILE", previous->c_str(), 1);
     else
         unsetenv("VANTU_IDENTITY_FILE");
-    unlink(path_.c_str());
+    unlink(path.c_str());
 }
 
 }  // namespace TestSupport

@@ -35,16 +35,16 @@ class DbusConnector {
     // Drops every subscription and closes the connection; harmless when not connected.
     void Disconnect();
 
-    sd_bus* Bus() const { return bus_.get(); }
-    bool IsConnected() const { return bus_ != nullptr; }
+    sd_bus* Bus() const { return bus.get(); }
+    bool IsConnected() const { return bus != nullptr; }
 
   protected:
     // Runs before the connection closes, so that subclasses release what lives on it.
     virtual void BeforeDisconnect() {}
 
   private:
-    sd_event* loop_;
-    DbusHelper::Bus bus_;
+    sd_event* loop;
+    DbusHelper::Bus bus;
 };
 
 class DbusListener : public DbusConnector {
@@ -58,7 +58,7 @@ class DbusListener : public DbusConnector {
     int ListenSignal(const std::string& sender, const std::string& path, const std::string& interface,
                      const std::string& member, sd_bus_message_handler_t callback, void* userdata);
 
-    std::size_t SubscriptionCount() const { return subscriptions_.size(); }
+    std::size_t SubscriptionCount() const { return subscriptions.size(); }
 
   protected:
     void BeforeDisconnect() override;
@@ -72,7 +72,7 @@ class DbusListener : public DbusConnector {
     };
     static int Trampoline(sd_bus_message* m, void* userdata, sd_bus_error* error);
 
-    std::vector<std::unique_ptr<Subscription>> subscriptions_;
+    std::vector<std::unique_ptr<Subscription>> subscriptions;
 };
 
 }  // namespace DbusHelper

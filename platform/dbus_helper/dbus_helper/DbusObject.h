@@ -40,12 +40,12 @@ class DbusObject {
     DbusObject& operator=(const DbusObject&) = delete;
 
     // The bus the object is registered on, or null before AddObject / after its server is gone.
-    sd_bus* Bus() const { return bus_.get(); }
-    const std::string& Path() const { return path_; }
-    const std::string& Interface() const { return interface_; }
-    std::vector<sd_bus_vtable>& Vtable() { return vtable_; }
-    const std::vector<sd_bus_vtable>& Vtable() const { return vtable_; }
-    bool IsRegistered() const { return bus_ != nullptr; }
+    sd_bus* Bus() const { return bus.get(); }
+    const std::string& Path() const { return path; }
+    const std::string& Interface() const { return interface; }
+    std::vector<sd_bus_vtable>& Vtable() { return vtable; }
+    const std::vector<sd_bus_vtable>& Vtable() const { return vtable; }
+    bool IsRegistered() const { return bus != nullptr; }
 
     // sd_bus_emit_signal on this object's bus, path and interface. Bus thread only.
     int EmitSignal(const char* member, const char* types, ...);
@@ -77,22 +77,22 @@ class DbusObject {
     int Attach(sd_bus* bus, std::thread::id busThread, std::shared_ptr<Loop::Queue> queue);
     void Detach();
 
-    std::string path_;
-    std::string interface_;
-    std::vector<sd_bus_vtable> vtable_;
+    std::string path;
+    std::string interface;
+    std::vector<sd_bus_vtable> vtable;
 
     // what is registered: a copy of vtable_ whose callbacks are the trampolines
-    std::vector<sd_bus_vtable> registered_;
-    std::map<std::string, sd_bus_message_handler_t> methods_;
-    std::map<std::string, std::pair<sd_bus_property_get_t, sd_bus_property_set_t>> properties_;
-    std::string methodWhere_;
-    std::string getWhere_;
-    std::string setWhere_;
+    std::vector<sd_bus_vtable> registered;
+    std::map<std::string, sd_bus_message_handler_t> methods;
+    std::map<std::string, std::pair<sd_bus_property_get_t, sd_bus_property_set_t>> properties;
+    std::string methodWhere;
+    std::string getWhere;
+    std::string setWhere;
 
-    BusRef bus_;  // while registered
-    Slot slot_;
-    std::thread::id busThread_;
-    std::shared_ptr<Loop::Queue> queue_;
+    BusRef bus;  // while registered
+    Slot slot;
+    std::thread::id busThread;
+    std::shared_ptr<Loop::Queue> queue;
 };
 
 }  // namespace DbusHelper

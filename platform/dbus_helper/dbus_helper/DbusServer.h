@@ -49,10 +49,10 @@ class DbusServer {
     int AddObject(std::shared_ptr<DbusObject> object);
 
     // Null before Start().
-    sd_bus* Bus() const { return bus_.get(); }
-    bool IsStarted() const { return bus_ != nullptr; }
-    const std::string& ServiceName() const { return serviceName_; }
-    const std::string& ObjectPath() const { return objectPath_; }
+    sd_bus* Bus() const { return bus.get(); }
+    bool IsStarted() const { return bus != nullptr; }
+    const std::string& ServiceName() const { return serviceName; }
+    const std::string& ObjectPath() const { return objectPath; }
 
     // As DbusObject::OnBusThread: now on the loop thread (or before Start()), otherwise handed to it.
     void RunOnBusThread(std::function<void()> task);
@@ -60,18 +60,18 @@ class DbusServer {
   private:
     void Release();
 
-    std::string serviceName_;
-    std::string objectPath_;
-    std::string description_;
-    bool systemBus_;
-    bool addObjectManager_;
-    sd_event* loop_;
+    std::string serviceName;
+    std::string objectPath;
+    std::string description;
+    bool systemBus;
+    bool addObjectManager;
+    sd_event* loop;
 
-    DbusHelper::Bus bus_;
-    Slot objectManager_;
-    std::thread::id busThread_;
-    std::shared_ptr<Loop::Queue> queue_;
-    std::vector<std::shared_ptr<DbusObject>> objects_;
+    DbusHelper::Bus bus;
+    Slot objectManager;
+    std::thread::id busThread;
+    std::shared_ptr<Loop::Queue> queue;
+    std::vector<std::shared_ptr<DbusObject>> objects;
 };
 
 }  // namespace DbusHelper

@@ -35,19 +35,19 @@ using Event = std::unique_ptr<sd_event, detail::Releaser<&sd_event_unref>>;
 class Error {
   public:
     Error() = default;
-    ~Error() { sd_bus_error_free(&error_); }
+    ~Error() { sd_bus_error_free(&error); }
     Error(const Error&) = delete;
     Error& operator=(const Error&) = delete;
 
-    sd_bus_error* Get() { return &error_; }
-    const sd_bus_error* Get() const { return &error_; }
-    bool IsSet() const { return sd_bus_error_is_set(&error_) != 0; }
+    sd_bus_error* Get() { return &error; }
+    const sd_bus_error* Get() const { return &error; }
+    bool IsSet() const { return sd_bus_error_is_set(&error) != 0; }
     // Empty when unset.
-    std::string Name() const { return error_.name != nullptr ? error_.name : ""; }
-    std::string Message() const { return error_.message != nullptr ? error_.message : ""; }
+    std::string Name() const { return error.name != nullptr ? error.name : ""; }
+    std::string Message() const { return error.message != nullptr ? error.message : ""; }
 
   private:
-    sd_bus_error error_ = SD_BUS_ERROR_NULL;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
 };
 
 }  // namespace DbusHelper

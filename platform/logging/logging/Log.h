@@ -44,7 +44,7 @@ class Capture {
     friend void Record(int, const std::string&);
     void Add(int priority, const std::string& text);
     struct State;
-    State* state_;
+    State* state;
 };
 
 }  // namespace Logging

@@ -28,10 +28,10 @@ class Queue {
     static int OnWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
     void Drain();
 
-    int fd_ = -1;
-    DbusHelper::EventSource source_;
-    std::mutex mutex_;
-    std::deque<std::function<void()>> tasks_;
+    int fd = -1;
+    DbusHelper::EventSource source;
+    std::mutex mutex;
+    std::deque<std::function<void()>> tasks;
 };
 
 }  // namespace Loop

@@ -28,7 +28,7 @@ class BluetoothAdapter {
                      std::shared_ptr<const detail::Object> object);
     virtual ~BluetoothAdapter();
 
-    const std::string& get_object_path() const { return path_; }
+    const std::string& get_object_path() const { return path; }
 
     // Getters throw BluetoothException while BlueZ has no adapter at this path (it may come back, e.g.
     // after bluetoothd restarts, and the handle follows it).
@@ -57,9 +57,9 @@ class BluetoothAdapter {
     BluetoothAdapter() = default;
 
   private:
-    std::shared_ptr<detail::Core> core_;
-    std::string path_;
-    std::shared_ptr<const detail::Object> object_;
+    std::shared_ptr<detail::Core> core;
+    std::string path;
+    std::shared_ptr<const detail::Object> object;
 };
 
 }  // namespace tinyb

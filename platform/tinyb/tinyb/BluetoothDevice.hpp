@@ -30,7 +30,7 @@ class BluetoothDevice {
                     std::shared_ptr<const detail::Object> object);
     virtual ~BluetoothDevice();
 
-    const std::string& get_object_path() const { return path_; }
+    const std::string& get_object_path() const { return path; }
 
     virtual std::string get_address();
     virtual std::string get_name();   // empty when BlueZ has no name
@@ -64,9 +64,9 @@ class BluetoothDevice {
     BluetoothDevice() = default;
 
   private:
-    std::shared_ptr<detail::Core> core_;
-    std::string path_;
-    std::shared_ptr<const detail::Object> object_;
+    std::shared_ptr<detail::Core> core;
+    std::string path;
+    std::shared_ptr<const detail::Object> object;
 };
 
 }  // namespace tinyb

@@ -12,13 +12,13 @@ class BluetoothException : public std::runtime_error {
     explicit BluetoothException(const std::string& message) : std::runtime_error(message) {}
     // what() is "<error name>: <message>" for a D-Bus error reply.
     BluetoothException(const std::string& errorName, const std::string& message)
-        : std::runtime_error(errorName.empty() ? message : errorName + ": " + message), name_(errorName) {}
+        : std::runtime_error(errorName.empty() ? message : errorName + ": " + message), name(errorName) {}
 
     // The D-Bus error name ("org.bluez.Error.Failed", ...); empty when the failure did not come from a reply.
-    const std::string& error_name() const noexcept { return name_; }
+    const std::string& error_name() const noexcept { return name; }
 
   private:
-    std::string name_;
+    std::string name;
 };
 
 }  // namespace tinyb

@@ -30,7 +30,7 @@ class BluetoothGattCharacteristic {
                                 std::shared_ptr<const detail::Object> object);
     virtual ~BluetoothGattCharacteristic();
 
-    const std::string& get_object_path() const { return path_; }
+    const std::string& get_object_path() const { return path; }
 
     // Getters: as BluetoothDevice's (last values for a handle from a listing, else BluetoothException
     // once the characteristic is gone).
@@ -58,9 +58,9 @@ class BluetoothGattCharacteristic {
     BluetoothGattCharacteristic() = default;
 
   private:
-    std::shared_ptr<detail::Core> core_;
-    std::string path_;
-    std::shared_ptr<const detail::Object> object_;
+    std::shared_ptr<detail::Core> core;
+    std::string path;
+    std::shared_ptr<const detail::Object> object;
 };
 
 }  // namespace tinyb

@@ -25,7 +25,7 @@ class BluetoothGattService {
                          std::shared_ptr<const detail::Object> object);
     virtual ~BluetoothGattService();
 
-    const std::string& get_object_path() const { return path_; }
+    const std::string& get_object_path() const { return path; }
 
     // Lower-case 128-bit UUID text as BlueZ gives it. Gone service: as BluetoothDevice's getters.
     virtual std::string get_uuid();
@@ -38,9 +38,9 @@ class BluetoothGattService {
     BluetoothGattService() = default;
 
   private:
-    std::shared_ptr<detail::Core> core_;
-    std::string path_;
-    std::shared_ptr<const detail::Object> object_;
+    std::shared_ptr<detail::Core> core;
+    std::string path;
+    std::shared_ptr<const detail::Object> object;
 };
 
 }  // namespace tinyb

@@ -54,7 +54,7 @@ class BluetoothManager {
   private:
     friend class detail::Core;
     explicit BluetoothManager(std::shared_ptr<detail::Core> core);
-    std::shared_ptr<detail::Core> core_;
+    std::shared_ptr<detail::Core> core;
 };
 
 }  // namespace tinyb

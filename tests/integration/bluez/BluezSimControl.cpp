@@ -18,11 +18,11 @@ void Check(int r, const char* what) {
 }  // namespace
 
 Control::Control() {
-    Check(sd_bus_open_system(&bus_), "sd_bus_open_system");
+    Check(sd_bus_open_system(&bus), "sd_bus_open_system");
 }
 
 Control::~Control() {
-    sd_bus_flush_close_unref(bus_);
+    sd_bus_flush_close_unref(bus);
 }
 
 std::string Control::DevicePath(const std::string& address, const std::string& adapter) {
@@ -36,14 +36,14 @@ std::string Control::DevicePath(const std::string& address, const std::string& a
 
 sd_bus_message* Control::NewCall(const char* path, const char* interface, const char* member) {
     sd_bus_message* m = nullptr;
-    Check(sd_bus_message_new_method_call(bus_, &m, "org.bluez", path, interface, member), member);
+    Check(sd_bus_message_new_method_call(bus, &m, "org.bluez", path, interface, member), member);
     return m;
 }
 
 sd_bus_message* Control::Send(sd_bus_message* m) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    const int r = sd_bus_call(bus_, m, 10 * 1000 * 1000, &error, &reply);
+    const int r = sd_bus_call(bus, m, 10 * 1000 * 1000, &error, &reply);
     const std::string member = sd_bus_message_get_member(m) ? sd_bus_message_get_member(m) : "?";
     sd_bus_message_unref(m);
     if (r < 0) {

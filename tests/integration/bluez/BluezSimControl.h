@@ -72,7 +72,7 @@ class Control {
     void SendVoid(sd_bus_message* m);
     void AppendDeviceProps(sd_bus_message* m, const DeviceProps& props);
 
-    sd_bus* bus_ = nullptr;
+    sd_bus* bus = nullptr;
 };
 
 }  // namespace BluezSim

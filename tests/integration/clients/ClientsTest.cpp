@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "test_support/LoopHelpers.h"
 #include "SimControl.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/NetworkOperations.h"
@@ -16,6 +15,7 @@
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "clients/SettingsOperations.h"
 #include "logging/Log.h"
+#include "test_support/LoopHelpers.h"
 #include "test_support/TestEnv.h"
 
 using Networkd::NetworkDaemonDbusHandler;
@@ -111,15 +111,15 @@ class Clients : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness());
         ASSERT_GE(ResetSettings(), 0);
-        ASSERT_GE(sd_event_new(&loop_), 0);
+        ASSERT_GE(sd_event_new(&loop), 0);
     }
     void TearDown() override {
         ResetSettings();
-        sd_event_unref(loop_);
+        sd_event_unref(loop);
     }
-    bool PumpUntil(const std::function<bool()>& condition) { return BusTest::PumpUntil(loop_, condition); }
-    void PumpFor(int ms) { BusTest::PumpFor(loop_, std::chrono::milliseconds(ms)); }
-    sd_event* loop_ = nullptr;
+    bool PumpUntil(const std::function<bool()>& condition) { return BusTest::PumpUntil(loop, condition); }
+    void PumpFor(int ms) { BusTest::PumpFor(loop, std::chrono::milliseconds(ms)); }
+    sd_event* loop = nullptr;
 };
 
 }  // namespace
@@ -129,7 +129,7 @@ class Clients : public ::testing::Test {
 using SettingsClient = Clients;
 
 TEST_F(SettingsClient, ListenSucceedsQuietly) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_EQ(handler.Listen(), 0);
     EXPECT_TRUE(handler.IsConnected());
@@ -137,7 +137,7 @@ TEST_F(SettingsClient, ListenSucceedsQuietly) {
 }
 
 TEST_F(SettingsClient, ABluetoothChangeReachesItsSubscriberWithOnlyTheChangedKeys) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     Sink bluetooth;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
     ASSERT_EQ(handler.Listen(), 0);
@@ -152,7 +152,7 @@ TEST_F(SettingsClient, ABluetoothChangeReachesItsSubscriberWithOnlyTheChangedKey
 }
 
 TEST_F(SettingsClient, AChangeOfAnotherSectionReachesOnlyThatSection) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     Sink bluetooth;
     Sink display;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
@@ -166,7 +166,7 @@ TEST_F(SettingsClient, AChangeOfAnotherSectionReachesOnlyThatSection) {
 }
 
 TEST_F(SettingsClient, APathEndingInASlashIsRejectedAsMalformed) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     std::vector<Sink> sinks(Settingsd::kSections.size());
     for (size_t i = 0; i < sinks.size(); ++i)
         handler.SectionChanged(Settingsd::kSections[i]).connect(sigc::mem_fun(sinks[i], &Sink::operator()));
@@ -183,7 +183,7 @@ TEST_F(SettingsClient, APathEndingInASlashIsRejectedAsMalformed) {
 }
 
 TEST_F(SettingsClient, ASectionWithoutTableEntryIsDroppedSilently) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     std::vector<Sink> sinks(Settingsd::kSections.size());
     for (size_t i = 0; i < sinks.size(); ++i)
         handler.SectionChanged(Settingsd::kSections[i]).connect(sigc::mem_fun(sinks[i], &Sink::operator()));
@@ -271,7 +271,7 @@ TEST_F(SettingsClient, GetSectionSettingsReadsAWholeSection) {
 }
 
 TEST_F(SettingsClient, ResetsRestoreTheDefaultsAndAreAnnounced) {
-    SettingsDaemonDbusHandler handler(loop_);
+    SettingsDaemonDbusHandler handler(loop);
     Sink bluetooth;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
     ASSERT_EQ(handler.Listen(), 0);
@@ -313,7 +313,7 @@ TEST_F(SettingsClient, AResetTheDaemonRefusesIsLoggedWithItsResult) {
 using NetworkClient = Clients;
 
 TEST_F(NetworkClient, ListenDeliversChangesAsTypedMaps) {
-    NetworkDaemonDbusHandler handler(loop_);
+    NetworkDaemonDbusHandler handler(loop);
     Sink sink;
     handler.PropertiesChanged().connect(sigc::mem_fun(sink, &Sink::operator()));
     Logging::Capture capture;
@@ -416,7 +416,7 @@ TEST_F(NetworkClient, EveryOperationWorksAgainstTheSimulation) {
 using PowerClient = Clients;
 
 TEST_F(PowerClient, ListenDeliversPowerChangesWithIntAndArrayTypes) {
-    PylonDaemonDbusHandler handler(loop_);
+    PylonDaemonDbusHandler handler(loop);
     Sink power;
     handler.PowerSignal().connect(sigc::mem_fun(power, &Sink::operator()));
     Logging::Capture capture;
@@ -441,7 +441,7 @@ TEST_F(PowerClient, ListenDeliversPowerChangesWithIntAndArrayTypes) {
 }
 
 TEST_F(PowerClient, RemotePowerChangesDoNotReachThePowerSignal) {
-    PylonDaemonDbusHandler handler(loop_);
+    PylonDaemonDbusHandler handler(loop);
     Sink power;
     handler.PowerSignal().connect(sigc::mem_fun(power, &Sink::operator()));
     ASSERT_EQ(handler.Listen(), 0);
@@ -456,7 +456,7 @@ TEST_F(PowerClient, RemotePowerChangesDoNotReachThePowerSignal) {
 }
 
 TEST_F(PowerClient, ReelCoolingAndControlSignalsReachTheirOwnSignals) {
-    PylonDaemonDbusHandler handler(loop_);
+    PylonDaemonDbusHandler handler(loop);
     Sink power, reel, firmware, distance, cooling;
     std::vector<uint32_t> video;
     std::vector<std::vector<int32_t>> keys;

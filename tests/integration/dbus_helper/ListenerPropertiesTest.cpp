@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "test_support/LoopHelpers.h"
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "logging/Log.h"
+#include "test_support/LoopHelpers.h"
 #include "test_support/TestEnv.h"
 
 using TestSupport::Bus;
@@ -82,13 +82,13 @@ class WithLoop : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness());
         ASSERT_GE(ResetSettings(), 0);
-        ASSERT_GE(sd_event_new(&loop_), 0);
+        ASSERT_GE(sd_event_new(&loop), 0);
     }
     void TearDown() override {
         ResetSettings();
-        sd_event_unref(loop_);
+        sd_event_unref(loop);
     }
-    sd_event* loop_ = nullptr;
+    sd_event* loop = nullptr;
 };
 
 }  // namespace
@@ -96,14 +96,14 @@ class WithLoop : public ::testing::Test {
 using DbusListenerTest = WithLoop;
 
 TEST_F(DbusListenerTest, ReceivesPropertiesChangedFromTheSettingsSimulation) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     Received received;
     ASSERT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
                                     &Received::OnSignal, &received),
               0);
     ASSERT_GE(SetProp(kBluetooth, "autoScanRateSecs", "u", 60u), 0);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return !received.changes.empty(); }));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
     EXPECT_EQ(received.paths[0], kBluetooth);
     ASSERT_EQ(received.changes[0].size(), 1u);
     EXPECT_EQ(received.changes[0].at("autoScanRateSecs").first, "u");
@@ -111,7 +111,7 @@ TEST_F(DbusListenerTest, ReceivesPropertiesChangedFromTheSettingsSimulation) {
 }
 
 TEST_F(DbusListenerTest, APathLimitsTheSubscriptionToOneObject) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     Received received;
     ASSERT_EQ(listener.ListenSignal(kSettings, kDisplay, "org.freedesktop.DBus.Properties",
@@ -119,14 +119,14 @@ TEST_F(DbusListenerTest, APathLimitsTheSubscriptionToOneObject) {
               0);
     ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
     ASSERT_GE(SetProp(kDisplay, "brightness", "u", 10u), 0);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return !received.changes.empty(); }));
-    BusTest::PumpFor(loop_, std::chrono::milliseconds(100));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
+    BusTest::PumpFor(loop, std::chrono::milliseconds(100));
     ASSERT_EQ(received.paths.size(), 1u);
     EXPECT_EQ(received.paths[0], kDisplay);
 }
 
 TEST_F(DbusListenerTest, OtherSendersOfTheSameSignalAreNotDelivered) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     Received received;
     ASSERT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
@@ -141,8 +141,8 @@ TEST_F(DbusListenerTest, OtherSendersOfTheSameSignalAreNotDelivered) {
     sd_bus_flush(stranger);
     // then the real sender
     ASSERT_GE(SetProp(kBluetooth, "discoverable", "b", 0), 0);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return !received.changes.empty(); }));
-    BusTest::PumpFor(loop_, std::chrono::milliseconds(100));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
+    BusTest::PumpFor(loop, std::chrono::milliseconds(100));
     ASSERT_EQ(received.changes.size(), 1u);
     EXPECT_EQ(received.changes[0].count("discoverable"), 1u);
     sd_bus_flush_close_unref(stranger);
@@ -150,7 +150,7 @@ TEST_F(DbusListenerTest, OtherSendersOfTheSameSignalAreNotDelivered) {
 
 TEST_F(DbusListenerTest, SignalsKeepArrivingWhenTheSenderRestartsUnderANewUniqueName) {
     constexpr const char* kName = "com.quorbel.test.Restarting1";
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     std::vector<std::string> senders;
     ASSERT_EQ(
@@ -176,15 +176,15 @@ TEST_F(DbusListenerTest, SignalsKeepArrivingWhenTheSenderRestartsUnderANewUnique
     std::string first;
     std::string second;
     runPeer(first);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return senders.size() == 1; }));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return senders.size() == 1; }));
     runPeer(second);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return senders.size() == 2; }));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return senders.size() == 2; }));
     EXPECT_NE(first, second);
     EXPECT_EQ(senders, (std::vector<std::string>{first, second}));
 }
 
 TEST_F(DbusListenerTest, AnExceptionInACallbackIsLoggedAndTheListenerGoesOn) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     int calls = 0;
     ASSERT_EQ(listener.ListenSignal(
@@ -199,7 +199,7 @@ TEST_F(DbusListenerTest, AnExceptionInACallbackIsLoggedAndTheListenerGoesOn) {
     Logging::Capture capture;
     ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
     ASSERT_GE(SetProp(kBluetooth, "powered", "b", 1), 0);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return calls == 2; }));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return calls == 2; }));
     EXPECT_EQ(capture.CountContaining("signal org.freedesktop.DBus.Properties.PropertiesChanged from "
                                       "com.quorbel.common.Settings1: exception stopped at the C boundary"),
               1u);
@@ -207,7 +207,7 @@ TEST_F(DbusListenerTest, AnExceptionInACallbackIsLoggedAndTheListenerGoesOn) {
 }
 
 TEST_F(DbusListenerTest, ConnectAndListenPreconditions) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     EXPECT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
                                     &Received::OnSignal, nullptr),
               -ENOTCONN);
@@ -221,7 +221,7 @@ TEST_F(DbusListenerTest, ConnectAndListenPreconditions) {
 }
 
 TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
-    DbusHelper::DbusListener listener(loop_);
+    DbusHelper::DbusListener listener(loop);
     ASSERT_EQ(listener.Connect(), 0);
     Received received;
     ASSERT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
@@ -232,7 +232,7 @@ TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
     EXPECT_FALSE(listener.IsConnected());
     EXPECT_EQ(listener.SubscriptionCount(), 0u);
     ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
-    BusTest::PumpFor(loop_, std::chrono::milliseconds(150));
+    BusTest::PumpFor(loop, std::chrono::milliseconds(150));
     EXPECT_TRUE(received.changes.empty());
     listener.Disconnect();  // twice is harmless
     ASSERT_EQ(listener.Connect(), 0);
@@ -240,7 +240,7 @@ TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
                                     &Received::OnSignal, &received),
               0);
     ASSERT_GE(SetProp(kBluetooth, "powered", "b", 1), 0);
-    ASSERT_TRUE(BusTest::PumpUntil(loop_, [&] { return !received.changes.empty(); }));
+    ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
 }
 
 // ------------------------------------------------------------------------------------------------------

@@ -21,14 +21,14 @@ class MessageFactory {
     MessageFactory() {
         int fds[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
-        other_ = fds[1];
-        EXPECT_GE(sd_bus_new(&bus_), 0);
-        EXPECT_GE(sd_bus_set_fd(bus_, fds[0], fds[0]), 0);
-        EXPECT_GE(sd_bus_start(bus_), 0);
+        other = fds[1];
+        EXPECT_GE(sd_bus_new(&bus), 0);
+        EXPECT_GE(sd_bus_set_fd(bus, fds[0], fds[0]), 0);
+        EXPECT_GE(sd_bus_start(bus), 0);
     }
     ~MessageFactory() {
-        sd_bus_close_unref(bus_);
-        close(other_);
+        sd_bus_close_unref(bus);
+        close(other);
     }
     MessageFactory(const MessageFactory&) = delete;
     MessageFactory& operator=(const MessageFactory&) = delete;
@@ -39,33 +39,33 @@ class MessageFactory {
                            const char* interface = "org.freedesktop.DBus.Properties",
                            const char* member = "PropertiesChanged") {
         sd_bus_message* m = nullptr;
-        EXPECT_GE(sd_bus_message_new_signal(bus_, &m, path, interface, member), 0);
+        EXPECT_GE(sd_bus_message_new_signal(bus, &m, path, interface, member), 0);
         fill(m);
         return Seal(m);
     }
     // A method return (it has no path), sealed and rewound.
     sd_bus_message* Return(const std::function<void(sd_bus_message*)>& fill) {
         sd_bus_message* call = nullptr;
-        EXPECT_GE(sd_bus_message_new_method_call(bus_, &call, "org.example.Peer", "/x", "org.example.I", "M"),
+        EXPECT_GE(sd_bus_message_new_method_call(bus, &call, "org.example.Peer", "/x", "org.example.I", "M"),
                   0);
-        EXPECT_GE(sd_bus_message_seal(call, ++cookie_, 0), 0);
+        EXPECT_GE(sd_bus_message_seal(call, ++cookie, 0), 0);
         sd_bus_message* reply = nullptr;
         EXPECT_GE(sd_bus_message_new_method_return(call, &reply), 0);
         sd_bus_message_unref(call);
         fill(reply);
         return Seal(reply);
     }
-    sd_bus* Bus() const { return bus_; }
+    sd_bus* Bus() const { return bus; }
 
   private:
     sd_bus_message* Seal(sd_bus_message* m) {
-        EXPECT_GE(sd_bus_message_seal(m, ++cookie_, 0), 0);
+        EXPECT_GE(sd_bus_message_seal(m, ++cookie, 0), 0);
         EXPECT_GE(sd_bus_message_rewind(m, 1), 0);
         return m;
     }
-    sd_bus* bus_ = nullptr;
-    int other_ = -1;
-    uint64_t cookie_ = 0;
+    sd_bus* bus = nullptr;
+    int other = -1;
+    uint64_t cookie = 0;
 };
 
 // Two directly connected peers. The server side is set up by `setup` and then processed on its own thread
@@ -77,15 +77,15 @@ class PeerPair {
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         sd_id128_t id;
         EXPECT_GE(sd_id128_randomize(&id), 0);
-        server_ = std::thread([this, fd = fds[0], id, setup] {
+        server = std::thread([this, fd = fds[0], id, setup] {
             sd_bus* bus = nullptr;
             sd_bus_new(&bus);
             sd_bus_set_fd(bus, fd, fd);
             sd_bus_set_server(bus, 1, id);
             setup(bus);
-            setupResult_ = sd_bus_start(bus);
-            ready_ = true;
-            while (!stop_) {
+            setupResult = sd_bus_start(bus);
+            ready = true;
+            while (!stop) {
                 const int r = sd_bus_process(bus, nullptr);
                 if (r < 0)
                     break;
@@ -94,29 +94,29 @@ class PeerPair {
             }
             sd_bus_flush_close_unref(bus);
         });
-        EXPECT_GE(sd_bus_new(&client_), 0);
-        EXPECT_GE(sd_bus_set_fd(client_, fds[1], fds[1]), 0);
-        EXPECT_GE(sd_bus_start(client_), 0);
-        while (!ready_)
+        EXPECT_GE(sd_bus_new(&client), 0);
+        EXPECT_GE(sd_bus_set_fd(client, fds[1], fds[1]), 0);
+        EXPECT_GE(sd_bus_start(client), 0);
+        while (!ready)
             std::this_thread::yield();
-        EXPECT_GE(setupResult_.load(), 0);
+        EXPECT_GE(setupResult.load(), 0);
     }
     ~PeerPair() {
-        sd_bus_flush_close_unref(client_);
-        stop_ = true;
-        server_.join();
+        sd_bus_flush_close_unref(client);
+        stop = true;
+        server.join();
     }
     PeerPair(const PeerPair&) = delete;
     PeerPair& operator=(const PeerPair&) = delete;
 
-    sd_bus* Client() const { return client_; }
+    sd_bus* Client() const { return client; }
 
   private:
-    sd_bus* client_ = nullptr;
-    std::thread server_;
-    std::atomic<bool> ready_{false};
-    std::atomic<bool> stop_{false};
-    std::atomic<int> setupResult_{0};
+    sd_bus* client = nullptr;
+    std::thread server;
+    std::atomic<bool> ready{false};
+    std::atomic<bool> stop{false};
+    std::atomic<int> setupResult{0};
 };
 
 }  // namespace DbusHelperTest

@@ -21,24 +21,24 @@ class LoopThread {
         // shared: the waiting side may wake and leave before set_value() has returned
         auto ready = std::make_shared<std::promise<void>>();
         auto started = ready->get_future();
-        thread_ = std::thread([this, ready] {
-            sd_event_new(&loop_);
-            queue_ = std::make_unique<Loop::Queue>(loop_);
+        thread = std::thread([this, ready] {
+            sd_event_new(&loop);
+            queue = std::make_unique<Loop::Queue>(loop);
             ready->set_value();
-            sd_event_loop(loop_);
-            queue_.reset();
-            sd_event_unref(loop_);
+            sd_event_loop(loop);
+            queue.reset();
+            sd_event_unref(loop);
         });
         started.wait();
     }
     ~LoopThread() {
-        Run([this] { sd_event_exit(loop_, 0); });
-        thread_.join();
+        Run([this] { sd_event_exit(loop, 0); });
+        thread.join();
     }
     LoopThread(const LoopThread&) = delete;
     LoopThread& operator=(const LoopThread&) = delete;
 
-    sd_event* Loop() const { return loop_; }
+    sd_event* Loop() const { return loop; }
 
     // Runs `work` on the loop thread and returns its result.
     template <typename Work>
@@ -46,14 +46,14 @@ class LoopThread {
         // shared for the same reason: get() may return while the loop thread is still leaving the task
         auto task = std::make_shared<std::packaged_task<std::invoke_result_t<Work>()>>(std::move(work));
         auto result = task->get_future();
-        queue_->Post([task] { (*task)(); });
+        queue->Post([task] { (*task)(); });
         return result.get();
     }
 
   private:
-    sd_event* loop_ = nullptr;
-    std::unique_ptr<Loop::Queue> queue_;
-    std::thread thread_;
+    sd_event* loop = nullptr;
+    std::unique_ptr<Loop::Queue> queue;
+    std::thread thread;
 };
 
 // Dispatches `loop` on the calling thread until `condition` holds or `timeout` passes.

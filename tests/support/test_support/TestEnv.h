@@ -41,14 +41,14 @@ class NotifySocket {
     ~NotifySocket();
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
-    const std::string& Path() const { return path_; }
+    const std::string& Path() const { return path; }
     // The first message holding the line `line`, or nothing after `timeout`.
     std::optional<std::string> WaitFor(const std::string& line, std::chrono::milliseconds timeout);
 
   private:
-    std::string path_;
-    int fd_ = -1;
-    std::vector<std::string> seen_;
+    std::string path;
+    int fd = -1;
+    std::vector<std::string> seen;
 };
 
 // Points the identity library at a private file for the lifetime of the object.
@@ -60,8 +60,8 @@ class ScopedIdentity {
     ScopedIdentity& operator=(const ScopedIdentity&) = delete;
 
   private:
-    std::string path_;
-    std::optional<std::string> previous_;
+    std::string path;
+    std::optional<std::string> previous;
 };
 
 }  // namespace TestSupport

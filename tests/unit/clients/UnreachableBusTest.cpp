@@ -29,18 +29,18 @@ class ScopedBusAddress {
     explicit ScopedBusAddress(const std::string& address) {
         const char* old = getenv("DBUS_SESSION_BUS_ADDRESS");
         if (old != nullptr)
-            saved_ = old;
+            saved = old;
         setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
     }
     ~ScopedBusAddress() {
-        if (saved_)
-            setenv("DBUS_SESSION_BUS_ADDRESS", saved_->c_str(), 1);
+        if (saved)
+            setenv("DBUS_SESSION_BUS_ADDRESS", saved->c_str(), 1);
         else
             unsetenv("DBUS_SESSION_BUS_ADDRESS");
     }
 
   private:
-    std::optional<std::string> saved_;
+    std::optional<std::string> saved;
 };
 
 const std::string kDeadBus = "unix:path=/nonexistent/qb-unit-test/bus";
@@ -51,19 +51,19 @@ class HangUpBus {
     HangUpBus() {
         char made[] = "/tmp/qb-hangup.XXXXXX";
         EXPECT_NE(mkdtemp(made), nullptr);
-        dir_ = made;
-        path_ = dir_ + "/bus";
-        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        dir = made;
+        path = dir + "/bus";
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        EXPECT_EQ(listen(fd_, 16), 0);
-        thread_ = std::thread([this] {
-            while (!stop_) {
-                pollfd p{fd_, POLLIN, 0};
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+        EXPECT_EQ(listen(fd, 16), 0);
+        thread = std::thread([this] {
+            while (!stop) {
+                pollfd p{fd, POLLIN, 0};
                 if (poll(&p, 1, 20) > 0) {
-                    const int c = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+                    const int c = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
                     if (c < 0)
                         continue;
                     pollfd in{c, POLLIN, 0};
@@ -77,27 +77,27 @@ class HangUpBus {
         });
     }
     ~HangUpBus() {
-        stop_ = true;
-        thread_.join();
-        close(fd_);
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
+        stop = true;
+        thread.join();
+        close(fd);
+        unlink(path.c_str());
+        rmdir(dir.c_str());
     }
-    std::string Address() const { return "unix:path=" + path_; }
+    std::string Address() const { return "unix:path=" + path; }
 
   private:
-    std::string dir_;
-    std::string path_;
-    int fd_ = -1;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::string dir;
+    std::string path;
+    int fd = -1;
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 class Unreachable : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_GE(sd_event_new(&loop_), 0); }
-    void TearDown() override { sd_event_unref(loop_); }
-    sd_event* loop_ = nullptr;
+    void SetUp() override { ASSERT_GE(sd_event_new(&loop), 0); }
+    void TearDown() override { sd_event_unref(loop); }
+    sd_event* loop = nullptr;
 };
 
 }  // namespace
@@ -106,7 +106,7 @@ using ListenWithoutBus = Unreachable;
 
 TEST_F(ListenWithoutBus, SettingsLogsTheConnectFailureAndReturnsTheError) {
     ScopedBusAddress dead(kDeadBus);
-    Settingsd::SettingsDaemonDbusHandler handler(loop_);
+    Settingsd::SettingsDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_EQ(handler.Listen(), -ENOENT);
     EXPECT_FALSE(handler.IsConnected());
@@ -118,7 +118,7 @@ TEST_F(ListenWithoutBus, SettingsLogsTheConnectFailureAndReturnsTheError) {
 
 TEST_F(ListenWithoutBus, NetworkLogsTheConnectFailureAndReturnsTheError) {
     ScopedBusAddress dead(kDeadBus);
-    Networkd::NetworkDaemonDbusHandler handler(loop_);
+    Networkd::NetworkDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_EQ(handler.Listen(), -ENOENT);
     EXPECT_FALSE(handler.IsConnected());
@@ -129,7 +129,7 @@ TEST_F(ListenWithoutBus, NetworkLogsTheConnectFailureAndReturnsTheError) {
 
 TEST_F(ListenWithoutBus, PowerLogsTheConnectFailureAndReturnsTheError) {
     ScopedBusAddress dead(kDeadBus);
-    Pylond::PylonDaemonDbusHandler handler(loop_);
+    Pylond::PylonDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_EQ(handler.Listen(), -ENOENT);
     EXPECT_FALSE(handler.IsConnected());
@@ -143,7 +143,7 @@ using ListenOnAHangingUpBus = Unreachable;
 TEST_F(ListenOnAHangingUpBus, SettingsLogsTheRegistrationFailureAndDisconnects) {
     HangUpBus bus;
     ScopedBusAddress address(bus.Address());
-    Settingsd::SettingsDaemonDbusHandler handler(loop_);
+    Settingsd::SettingsDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_LT(handler.Listen(), 0);
     EXPECT_FALSE(handler.IsConnected());
@@ -156,7 +156,7 @@ TEST_F(ListenOnAHangingUpBus, SettingsLogsTheRegistrationFailureAndDisconnects) 
 TEST_F(ListenOnAHangingUpBus, NetworkLogsTheRegistrationFailureAndDisconnects) {
     HangUpBus bus;
     ScopedBusAddress address(bus.Address());
-    Networkd::NetworkDaemonDbusHandler handler(loop_);
+    Networkd::NetworkDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_LT(handler.Listen(), 0);
     EXPECT_FALSE(handler.IsConnected());
@@ -170,7 +170,7 @@ TEST_F(ListenOnAHangingUpBus, NetworkLogsTheRegistrationFailureAndDisconnects) {
 TEST_F(ListenOnAHangingUpBus, PowerLogsEveryFailedRegistrationByCallbackName) {
     HangUpBus bus;
     ScopedBusAddress address(bus.Address());
-    Pylond::PylonDaemonDbusHandler handler(loop_);
+    Pylond::PylonDaemonDbusHandler handler(loop);
     Logging::Capture capture;
     EXPECT_LT(handler.Listen(), 0);
     EXPECT_FALSE(handler.IsConnected());

@@ -28,17 +28,17 @@ class ScopedInterruptingHandler {
         action.sa_handler = OnSignal;
         sigemptyset(&action.sa_mask);
         action.sa_flags = 0;
-        installed_ = sigaction(SIGUSR1, &action, &previous_) == 0;
+        installed = sigaction(SIGUSR1, &action, &previous) == 0;
     }
     ~ScopedInterruptingHandler() {
-        if (installed_)
-            sigaction(SIGUSR1, &previous_, nullptr);
+        if (installed)
+            sigaction(SIGUSR1, &previous, nullptr);
     }
-    bool Installed() const { return installed_; }
+    bool Installed() const { return installed; }
 
   private:
-    struct sigaction previous_ {};
-    bool installed_ = false;
+    struct sigaction previous {};
+    bool installed = false;
 };
 
 }  // namespace
