@@ -90,7 +90,7 @@ void V4::Refresh() {
     RefreshCommon(Utils::ThisDevice::SerialNumber(), 4);
 }
 
-std::shared_ptr<Base> Create(uint8_t version) {
+std::shared_ptr<Base> Create(uint32_t version) {
     switch (version) {
         case 3:
             return std::make_shared<V3>();

@@ -200,6 +200,19 @@ std::string BytesToHexString(const std::vector<uint8_t>& bytes) {
     return out;
 }
 
+PowerState StoredPowerState() {
+    const Record& record = TheRecord();
+    PowerState state;
+    state.activePowerSource = record.activePowerSource;
+    state.batteryTypes[0] = record.batteryType1;
+    state.batteryTypes[1] = record.batteryType2;
+    state.chargePercentages[0] = record.chargePercentage1;
+    state.chargePercentages[1] = record.chargePercentage2;
+    state.voltages[0] = record.voltage1;
+    state.voltages[1] = record.voltage2;
+    return state;
+}
+
 void ResetForTests() {
     TheRecord() = Record{};
 }

@@ -40,7 +40,9 @@ def main():
     ap.add_argument('daemon', help='the daemon binary')
     ap.add_argument('--no-hci0', action='store_true', help='start without hci0 (watch the watchdog work)')
     a = ap.parse_args()
-    params = {'systemd': {'on_restart_mkdir': {'bluetooth.service': '@SYSFS_BT@/hci0'}}}
+    # a short scan period, so that the auto-scan shows soon after start
+    params = {'systemd': {'on_restart_mkdir': {'bluetooth.service': '@SYSFS_BT@/hci0'}},
+              'settings': {'autoScanRateSecs': 5}}
     with TestEnv(sandbox=True, hci0=not a.no_hci0, params=params) as env:
         populate = os.path.join(HERE, 'populate_unit.py')
         if os.path.exists(populate):

@@ -46,6 +46,10 @@ def typed(signature, value, variant_level=1):
                            variant_level=variant_level)
     if signature == 'b' and isinstance(value, str):
         value = value.lower() in ('1', 'true', 'yes', 'on')
+    if isinstance(value, (list, tuple, dict)):
+        raise TypeError(f'a list is no {signature}')
+    if signature == 'b' and not isinstance(value, bool) and value not in (0, 1):
+        raise ValueError(f'{value!r} is no boolean')
     return _SCALARS[signature](value, variant_level=variant_level)
 
 
@@ -69,12 +73,27 @@ def add_typed_object(mock, path, interface, declared, overrides):
     return obj
 
 
+def _plain(value):
+    if isinstance(value, (list, tuple, dbus.Array, dbus.Struct)):
+        return [_plain(v) for v in value]
+    if isinstance(value, bool):
+        return bool(value)
+    if isinstance(value, (int, float)):
+        return value.real
+    return str(value)
+
+
 def set_prop(obj, name, value):
     '''Stores `value` coerced to the declared type of `name` and announces the change.'''
     if str(name) not in getattr(obj, 'declared', {}):
         raise dbus.exceptions.DBusException(f'no property {name} on {obj.path}',
                                             name='org.freedesktop.DBus.Error.UnknownProperty')
     interface, signature = obj.declared[str(name)]
-    v = typed(signature, value)
+    try:
+        v = typed(signature, value)
+    except (TypeError, ValueError, OverflowError):
+        # one line for the person at the terminal, not the simulation's traceback
+        raise dbus.exceptions.DBusException(f'{name} takes D-Bus type "{signature}", not {_plain(value)!r}',
+                                            name='org.freedesktop.DBus.Error.InvalidArgs') from None
     obj.props[interface][str(name)] = v
     emit_changed(obj, interface, {str(name): v})

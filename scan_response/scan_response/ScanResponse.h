@@ -71,7 +71,7 @@ class V4 final : public Base {
 };
 
 // A fresh local payload of schema `version` (3 or 4); empty for any other version.
-std::shared_ptr<Base> Create(uint8_t version);
+std::shared_ptr<Base> Create(uint32_t version);
 // Decodes received manufacturer data by the version octet at index 2: empty for fewer than 2 octets
 // or an unknown version; exactly 2 octets throw std::out_of_range.
 std::shared_ptr<Base> Create(const std::vector<uint8_t>& received);

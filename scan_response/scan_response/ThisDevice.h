@@ -36,6 +36,15 @@ std::string IPAddressToString(uint32_t value);
 // "0A FF " style: two upper-case digits and one blank per byte.
 std::string BytesToHexString(const std::vector<uint8_t>& bytes);
 
+// The power daemon's values as stored, each battery property as its two slots.
+struct PowerState {
+    int32_t activePowerSource = 0;
+    uint32_t batteryTypes[2] = {0, 0};
+    int32_t chargePercentages[2] = {0, 0};
+    int32_t voltages[2] = {0, 0};
+};
+PowerState StoredPowerState();
+
 // Puts the record back to its start-up state (all zero, empty SSID). For tests only.
 void ResetForTests();
 

@@ -22,16 +22,24 @@ class FakeAdvertiser final : public Backend::Advertiser {
 
     // Every call as one line, in call order.
     std::vector<std::string> calls;
+    // When set, every call also goes here as "advertiser <line>": one order across several fakes.
+    std::shared_ptr<std::vector<std::string>> journal;
+
+    void Note(std::string line) {
+        if (journal)
+            journal->push_back("advertiser " + line);
+        calls.push_back(std::move(line));
+    }
 
     int StartAdvertising() override {
-        calls.push_back("start");
+        Note("start");
         configured = startStatus == 0;
         advertising = startStatus == 0;
         return startStatus;
     }
 
     int StopAdvertising() override {
-        calls.push_back("stop");
+        Note("stop");
         advertising = false;
         return stopStatus;
     }
@@ -40,7 +48,7 @@ class FakeAdvertiser final : public Backend::Advertiser {
     bool IsConfigured() const override { return configured; }
     bool IsAdvertising() const override { return advertising; }
 
-    void RefreshScanResponse() override { calls.push_back("refresh"); }
+    void RefreshScanResponse() override { Note("refresh"); }
     void SetScanResponse(std::shared_ptr<ScanResponse::Base> payload) override {
         scanResponse = std::move(payload);
     }

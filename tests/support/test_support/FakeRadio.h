@@ -71,6 +71,14 @@ class FakeRadio final : public Backend::Radio {
 
     // Every operation as one line, in call order.
     std::vector<std::string> calls;
+    // When set, every call also goes here as "radio <line>": one order across several fakes.
+    std::shared_ptr<std::vector<std::string>> journal;
+
+    void Note(std::string line) {
+        if (journal)
+            journal->push_back("radio " + line);
+        calls.push_back(std::move(line));
+    }
     std::vector<GattWrite> writes;
 
     std::shared_ptr<NotifyState> notify = std::make_shared<NotifyState>();
@@ -87,28 +95,28 @@ class FakeRadio final : public Backend::Radio {
     bool GetDiscoverable() override { return Read("discoverable?", discoverable); }
 
     bool PairDevice(const std::string& mac, bool pair) override {
-        calls.push_back((pair ? "pair " : "unpair ") + mac);
+        Note((pair ? "pair " : "unpair ") + mac);
         return pairResult;
     }
 
     bool TrustDevice(const std::string& mac, bool trusted) override {
-        calls.push_back((trusted ? "trust " : "untrust ") + mac);
+        Note((trusted ? "trust " : "untrust ") + mac);
         return trustResult;
     }
 
     bool ConnectDevice(const std::string& mac, bool connect) override {
-        calls.push_back((connect ? "connect " : "disconnect ") + mac);
+        Note((connect ? "connect " : "disconnect ") + mac);
         return connect ? connectResult : disconnectResult;
     }
 
     bool WaitForServiceDiscovery(const std::string& mac, unsigned timeoutSeconds) override {
-        calls.push_back("discover " + mac + " " + std::to_string(timeoutSeconds));
+        Note("discover " + mac + " " + std::to_string(timeoutSeconds));
         return discoveryResult;
     }
 
     bool ReadCharacteristic(const std::string& mac, const std::string& service,
                             const std::string& characteristic, GattBytes& out) override {
-        calls.push_back("read " + mac + " " + service + " " + characteristic);
+        Note("read " + mac + " " + service + " " + characteristic);
         if (readResult)
             out = readValue;
         return readResult;
@@ -118,7 +126,7 @@ class FakeRadio final : public Backend::Radio {
                              const std::string& characteristic, const GattBytes& value,
                              int delayMs) override {
         const GattWrite write{mac, service, characteristic, ToText(value), delayMs};
-        calls.push_back("write " + mac + " " + service + " " + characteristic);
+        Note("write " + mac + " " + service + " " + characteristic);
         writes.push_back(write);
         const size_t index = writes.size() - 1;
         const bool result = index < writeResults.size() ? writeResults[index] : true;
@@ -151,14 +159,14 @@ class FakeRadio final : public Backend::Radio {
 
   private:
     bool Switch(const char* name, bool& state, bool on, bool result) {
-        calls.push_back(std::string(name) + (on ? " on" : " off"));
+        Note(std::string(name) + (on ? " on" : " off"));
         if (result)
             state = on;
         return result;
     }
 
     bool Read(const char* line, bool state) {
-        calls.push_back(line);
+        Note(line);
         return state;
     }
 };
@@ -169,7 +177,7 @@ class FakeNotifyCharacteristic final : public Backend::NotifyCharacteristic {
         : radio(radio), state(std::move(state)) {}
 
     bool EnableNotifications(Backend::ValueCallback callback) override {
-        radio.calls.push_back("enable");
+        radio.Note("enable");
         if (!radio.enableResult)
             return false;
         std::lock_guard<std::mutex> lock(state->mutex);
@@ -179,7 +187,7 @@ class FakeNotifyCharacteristic final : public Backend::NotifyCharacteristic {
     }
 
     bool DisableNotifications() override {
-        radio.calls.push_back("disable");
+        radio.Note("disable");
         std::lock_guard<std::mutex> lock(state->mutex);
         state->callback = nullptr;
         state->notifying = false;
@@ -187,7 +195,7 @@ class FakeNotifyCharacteristic final : public Backend::NotifyCharacteristic {
     }
 
     bool IsNotifying() override {
-        radio.calls.push_back("notifying?");
+        radio.Note("notifying?");
         std::lock_guard<std::mutex> lock(state->mutex);
         return state->notifying;
     }
@@ -199,7 +207,7 @@ class FakeNotifyCharacteristic final : public Backend::NotifyCharacteristic {
 
 inline std::unique_ptr<Backend::NotifyCharacteristic> FakeRadio::GetNotifyCharacteristic(
     const std::string& mac, const std::string& service, const std::string& characteristic) {
-    calls.push_back("characteristic " + mac + " " + service + " " + characteristic);
+    Note("characteristic " + mac + " " + service + " " + characteristic);
     if (!characteristicPresent)
         return nullptr;
     return std::make_unique<FakeNotifyCharacteristic>(*this, notify);

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "backend/Scanner.h"
 
@@ -22,8 +24,13 @@ class FakeScanner final : public Backend::Scanner {
     std::function<void(FakeScanner&)> onScan;
     DeviceList devices;
 
+    // When set, every pass also goes here as "scanner scan": one order across several fakes.
+    std::shared_ptr<std::vector<std::string>> journal;
+
     int Scan() override {
         ++scanCalls;
+        if (journal)
+            journal->push_back("scanner scan");
         if (onScan)
             onScan(*this);
         return scanResult;

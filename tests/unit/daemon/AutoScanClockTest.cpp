@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "daemon/AutoScanClock.h"
+#include "controller/AutoScanClock.h"
 
 using Daemon::AutoScanDueTime;
 using Daemon::AutoScanPeriodUsec;

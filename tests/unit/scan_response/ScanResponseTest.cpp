@@ -121,6 +121,13 @@ TEST_F(ScanResponseTest, CreateByUnknownVersionIsEmpty) {
     EXPECT_EQ(ScanResponse::Create(uint8_t{255}), nullptr);
 }
 
+TEST_F(ScanResponseTest, AVersionIsNeverCutToItsLowOctet) {
+    // a settings value of 259 or 260 is no schema, even though its low octet is 3 or 4
+    EXPECT_EQ(ScanResponse::Create(uint32_t{259}), nullptr);
+    EXPECT_EQ(ScanResponse::Create(uint32_t{260}), nullptr);
+    EXPECT_NE(ScanResponse::Create(uint32_t{3}), nullptr);
+}
+
 // ---- received bytes
 
 TEST_F(ScanResponseTest, ReceivedV3WithoutText) {

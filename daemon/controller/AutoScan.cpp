@@ -1,0 +1,93 @@
+// The periodic scan on the loop's timer.
+#include <cstdint>
+
+#include "backend/Advertiser.h"
+#include "backend/Radio.h"
+#include "backend/Scanner.h"
+#include "controller/AutoScanClock.h"
+#include "controller/BluetoothController.h"
+#include "logging/Log.h"
+#include "loop/CBoundary.h"
+
+int BluetoothController::ArmTimer(uint64_t dueUsec, int enabled) {
+    const int timeResult = sd_event_source_set_time(autoScanTimer.get(), dueUsec);
+    const int enableResult = sd_event_source_set_enabled(autoScanTimer.get(), enabled);
+    return timeResult | enableResult;
+}
+
+void BluetoothController::StartAutoScanTask() {
+    uint64_t now = 0;
+    (void)sd_event_now(loop, CLOCK_MONOTONIC, &now);
+    const int r = ArmTimer(Daemon::AutoScanDueTime(now, autoScanRateSecs), SD_EVENT_ON);
+    if (r != 0)
+        Logging::Log(LOG_ERR, "%s: Could not start AutoScanTask: %d", "StartAutoScanTask", r);
+}
+
+void BluetoothController::StopAutoScanTask() {
+    const int r = ArmTimer(UINT64_MAX, SD_EVENT_OFF);
+    if (r != 0)
+        Logging::Log(LOG_ERR, "%s: Could not stop AutoScanTask: %d", "StopAutoScanTask", r);
+}
+
+void BluetoothController::SetAutoScanEnabled(bool enabled) {
+    autoScanEnabled = enabled;
+    if (enabled)
+        StartAutoScanTask();
+    else
+        StopAutoScanTask();
+}
+
+int BluetoothController::ScanWithRetries() {
+    int result = 0;
+    for (int attempts = kScanAttempts; attempts > 0; --attempts) {
+        result = scanner->Scan();
+        if (result == 0)
+            break;
+        Logging::Log(LOG_ERR, "Error when scanning for devices... rebooting radio");
+        radio->SetPowered(false);
+        hooks.sleep(kRadioRebootWait);
+        radio->SetPowered(true);
+    }
+    lastScanTime = std::chrono::system_clock::now();
+    return result;
+}
+
+int BluetoothController::AutoScanTask() {
+    int result = 0;
+    {
+        // a camera worker holds it for its whole exchange: this period is skipped, never waited for
+        std::unique_lock<std::mutex> lock(scanLock, std::try_to_lock);
+        if (lock.owns_lock()) {
+            if (advertiser->IsAdvertising())
+                advertiser->StopAdvertising();
+            // A pass that throws (a hostile payload nearby) is abandoned and logged; the unit still goes
+            // back on air and the timer stays armed.
+            result = CBoundary::Call("AutoScanTask", [this] { return ScanWithRetries(); });
+            advertiser->RefreshScanResponse();
+            if (advertisingEnabled)
+                advertiser->StartAdvertising();
+        }
+    }
+    // from the end of this period, however long the scan took
+    return result |
+           ArmTimer(Daemon::AutoScanDueTime(hooks.monotonicNowUsec(), autoScanRateSecs), SD_EVENT_ON);
+}
+
+int BluetoothController::OnAutoScanTimer(sd_event_source*, uint64_t, void* userdata) {
+    // sd-event disables a source whose callback fails: the timer must live on whatever the period did
+    (void)CBoundary::Call("AutoScanTask timer",
+                          [userdata] { (void)static_cast<BluetoothController*>(userdata)->AutoScanTask(); });
+    return 0;
+}
+
+uint64_t BluetoothController::AutoScanDueUsec() const {
+    uint64_t due = UINT64_MAX;
+    (void)sd_event_source_get_time(autoScanTimer.get(), &due);
+    return due;
+}
+
+bool BluetoothController::AutoScanArmed() const {
+    int enabled = SD_EVENT_OFF;
+    (void)sd_event_source_get_enabled(autoScanTimer.get(), &enabled);
+    return enabled != SD_EVENT_OFF;
+}

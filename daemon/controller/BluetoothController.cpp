@@ -1,0 +1,219 @@
+// Construction, the settings and their application.
+#include "controller/BluetoothController.h"
+
+#include <time.h>
+
+#include <any>
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
+
+#include "backend/Advertiser.h"
+#include "backend/HCIToolAdvertiser.h"
+#include "backend/Radio.h"
+#include "backend/Scanner.h"
+#include "backend/TinybRadio.h"
+#include "backend/TinybScanner.h"
+#include "clients/NetworkDaemonDbusHandler.h"
+#include "clients/PylonDaemonDbusHandler.h"
+#include "clients/SettingsDaemonDbusHandler.h"
+#include "logging/Log.h"
+#include "remote_camera/KelpBleManager.h"
+#include "scan_response/ScanResponse.h"
+#include "vocabulary/Vocabulary.h"
+
+namespace {
+
+constexpr const char* kConstructor = "BluetoothController::BluetoothController(sd_event*)";
+
+const char* TrueFalse(bool value) {
+    return value ? "true" : "false";
+}
+
+uint64_t MonotonicNowUsec() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000u + static_cast<uint64_t>(now.tv_nsec) / 1'000u;
+}
+
+}  // namespace
+
+ControllerHooks SystemControllerHooks() {
+    ControllerHooks hooks;
+    hooks.makeRadio = [] { return std::make_shared<Backend::TinybRadio>(); };
+    hooks.makeScanner = [] { return std::make_shared<Backend::TinybScanner>(); };
+    hooks.makeAdvertiser = [] { return std::make_shared<Backend::HCIToolAdvertiser>(); };
+    hooks.listenSettings = [](Settingsd::SettingsDaemonDbusHandler& client) { return client.Listen(); };
+    hooks.listenPower = [](Pylond::PylonDaemonDbusHandler& client) { return client.Listen(); };
+    hooks.listenNetwork = [](Networkd::NetworkDaemonDbusHandler& client) { return client.Listen(); };
+    hooks.readNumberSetting = [](const char* key, uint32_t safeDefault) {
+        return Settingsd::SettingsDaemonDbusHandler::GetBluetoothSetting<uint32_t>(key, safeDefault);
+    };
+    hooks.readFlagSetting = [](const char* key, bool safeDefault) {
+        return Settingsd::SettingsDaemonDbusHandler::GetBluetoothSetting<bool>(key, safeDefault);
+    };
+    hooks.readPowerProperties = [](sdbus_utils::TypedPropertyMap& properties) {
+        return Pylond::PylonDaemonDbusHandler::GetAllPowerProperties(false, properties);
+    };
+    hooks.readNetworkProperties = [](sdbus_utils::TypedPropertyMap& properties) {
+        return Networkd::NetworkDaemonDbusHandler::GetAllNetworkProperties(properties);
+    };
+    hooks.sleep = Loop::SleepFor;
+    hooks.monotonicNowUsec = MonotonicNowUsec;
+    return hooks;
+}
+
+BluetoothController::BluetoothController(sd_event* eventLoop)
+    : BluetoothController(eventLoop, SystemControllerHooks()) {}
+
+BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks controllerHooks)
+    : loop(eventLoop), hooks(std::move(controllerHooks)) {
+    settingsClient = std::make_shared<Settingsd::SettingsDaemonDbusHandler>(loop);
+    if (hooks.listenSettings(*settingsClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register SettingsDaemon d-bus listener", kConstructor);
+    settingsClient->SectionChanged(BluetoothSettingsSection)
+        .connect(sigc::mem_fun(*this, &BluetoothController::SettingsChanged));
+
+    powerClient = std::make_shared<Pylond::PylonDaemonDbusHandler>(loop);
+    if (hooks.listenPower(*powerClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register PylonDaemon d-bus listener", kConstructor);
+    powerClient->PowerSignal().connect(sigc::mem_fun(*this, &BluetoothController::PowerPropertiesChanged));
+    sdbus_utils::TypedPropertyMap power;
+    if (hooks.readPowerProperties(power) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to GetAllPowerProperties from PylonDaemon", kConstructor);
+    else
+        PowerPropertiesChanged(power);
+
+    networkClient = std::make_shared<Networkd::NetworkDaemonDbusHandler>(loop);
+    if (hooks.listenNetwork(*networkClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register NetworkDaemon d-bus listener", kConstructor);
+    networkClient->PropertiesChanged().connect(
+        sigc::mem_fun(*this, &BluetoothController::NetworkPropertiesChanged));
+    sdbus_utils::TypedPropertyMap network;
+    if (hooks.readNetworkProperties(network) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to GetAllNetworkProperties from NetworkDaemon", kConstructor);
+    else
+        NetworkPropertiesChanged(network);
+
+    ReadSettings();
+
+    // Due never: StartAutoScanTask arms it.
+    sd_event_source* timer = nullptr;
+    const int r = sd_event_add_time(loop, &timer, CLOCK_MONOTONIC, UINT64_MAX, 0,
+                                    &BluetoothController::OnAutoScanTimer, this);
+    if (r < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to create the auto-scan timer: %d", kConstructor, r);
+    autoScanTimer.reset(timer);
+    // disarmed means due never and switched off, as after StopAutoScanTask
+    if (autoScanTimer)
+        (void)sd_event_source_set_enabled(autoScanTimer.get(), SD_EVENT_OFF);
+}
+
+BluetoothController::~BluetoothController() = default;
+
+void BluetoothController::ReadSettings() {
+    using namespace BluetoothSettings;
+    scanResponseVersion = hooks.readNumberSetting(AdvertSchema, DefaultAdvertSchema);
+    autoScanRateSecs = hooks.readNumberSetting(AutoScanRateSecs, DefaultAutoScanRateSecs);
+    powered = hooks.readFlagSetting(Powered, DefaultPowered);
+    discoverable = hooks.readFlagSetting(Discoverable, DefaultDiscoverable);
+    pairable = hooks.readFlagSetting(Pairable, DefaultPairable);
+    advertisingEnabled = hooks.readFlagSetting(AdvertisingEnabled, DefaultAdvertisingEnabled);
+    autoScanEnabled = hooks.readFlagSetting(AutoScanEnabled, DefaultAutoScanEnabled);
+    systemCallDebug = hooks.readFlagSetting(SystemCallDebug, DefaultSystemCallDebug);
+
+    // discoverable and advertising-enabled are read but, as always, not shown
+    Logging::Log(LOG_INFO, "Configuration from settings:");
+    Logging::Log(LOG_INFO, "Scan Response Version:  %d", static_cast<int>(scanResponseVersion));
+    Logging::Log(LOG_INFO, "Scan Rate Seconds:      %d", static_cast<int>(autoScanRateSecs));
+    Logging::Log(LOG_INFO, "Power Enabled:          %s", TrueFalse(powered));
+    Logging::Log(LOG_INFO, "Pairable Enabled:       %s", TrueFalse(pairable));
+    Logging::Log(LOG_INFO, "Auto Scan Enabled:      %s", TrueFalse(autoScanEnabled));
+    Logging::Log(LOG_INFO, "System() Debug Enabled: %s", TrueFalse(systemCallDebug));
+}
+
+bool BluetoothController::Initialise() {
+    radio = hooks.makeRadio();
+    scanner = hooks.makeScanner();
+    advertiser = hooks.makeAdvertiser();
+    if (radio && scanner && advertiser && radio->IsUsable() && scanner->IsUsable() &&
+        advertiser->IsUsable()) {
+        advertiser->SetScanResponse(scanResponse);
+        remoteCameraManager = std::make_shared<KelpBleManager>(radio, hooks.sleep);
+        ApplySettings();
+        initialised = true;
+        return true;
+    }
+    return initialised;
+}
+
+void BluetoothController::ApplySettings() {
+    // Before Initialise there is nothing to apply to: the settings just stay stored.
+    if (!radio || !scanner || !advertiser)
+        return;
+    advertiser->SetSystemCallDebug(systemCallDebug);
+    if (powered) {
+        radio->SetPowered(true);
+        radio->SetDiscoverable(discoverable);
+        radio->SetPairable(pairable);
+        UpdateScanResponse(scanResponseVersion);
+        if (autoScanEnabled && scanner->IsUsable())
+            StartAutoScanTask();
+        else
+            StopAutoScanTask();
+        return;
+    }
+    if (advertisingEnabled)
+        advertiser->StopAdvertising();
+    if (autoScanEnabled)
+        StopAutoScanTask();
+    // Never true here, and kept so: "powered" false stops advertising and scanning but leaves the radio's
+    // power as it is. The controller only ever switches the radio on.
+    if (powered)
+        radio->SetPowered(false);
+}
+
+void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap& settings) {
+    struct Number {
+        const char* key;
+        uint32_t BluetoothController::*field;
+    };
+    struct Flag {
+        const char* key;
+        bool BluetoothController::*field;
+    };
+    using namespace BluetoothSettings;
+    static const Number numbers[] = {
+        {AdvertSchema, &BluetoothController::scanResponseVersion},
+        {AutoScanRateSecs, &BluetoothController::autoScanRateSecs},
+    };
+    static const Flag flags[] = {
+        {AdvertisingEnabled, &BluetoothController::advertisingEnabled},
+        {AutoScanEnabled, &BluetoothController::autoScanEnabled},
+        {Discoverable, &BluetoothController::discoverable},
+        {Pairable, &BluetoothController::pairable},
+        {Powered, &BluetoothController::powered},
+        {SystemCallDebug, &BluetoothController::systemCallDebug},
+    };
+
+    Logging::Log(LOG_INFO, "%s", "void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap&)");
+    for (const auto& [key, typed] : settings) {
+        Logging::Log(LOG_INFO, "name: %s", key.c_str());
+        const auto& [signature, value] = typed;
+        // an unknown key, or a known one with another signature, is skipped; a value of the wrong C++
+        // type behind the right signature throws std::bad_any_cast to the listener's C boundary
+        if (signature == "u") {
+            for (const Number& number : numbers) {
+                if (key == number.key)
+                    this->*number.field = std::any_cast<uint32_t>(value);
+            }
+        } else if (signature == "b") {
+            for (const Flag& flag : flags) {
+                if (key == flag.key)
+                    this->*flag.field = std::any_cast<bool>(value);
+            }
+        }
+    }
+    // whatever changed, the whole configuration is applied again
+    ApplySettings();
+}

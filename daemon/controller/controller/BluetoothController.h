@@ -1,0 +1,181 @@
+#pragma once
+// The daemon's one owner: the radio, scanner and advertiser backends, the clients of the settings,
+// network and power daemons, the remote-camera manager, the auto-scan timer and the scan lock. It turns
+// the "bluetooth" settings into calls on the backends, keeps the scan response current and runs the
+// periodic scan.
+//
+// Threads: everything here runs on the event-loop thread, except what the camera workers read (the
+// radio and the camera manager) and the scan lock, which they take. Fields are plain: the loop is the
+// only writer.
+//
+// What the controller needs from the outside world comes in one ControllerHooks, so that tests can run
+// it on fakes with a real sd-event loop; the daemon uses SystemControllerHooks().
+
+#include <sigc++/sigc++.h>
+#include <systemd/sd-event.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "dbus_helper/Handles.h"
+#include "dbus_helper/SdbusUtils.h"
+#include "loop/Sleep.h"
+
+namespace Backend {
+class Advertiser;
+class Radio;
+class Scanner;
+}  // namespace Backend
+
+namespace ScanResponse {
+class Base;
+}
+
+namespace Settingsd {
+class SettingsDaemonDbusHandler;
+}
+namespace Networkd {
+class NetworkDaemonDbusHandler;
+}
+namespace Pylond {
+class PylonDaemonDbusHandler;
+}
+
+class KelpBleManager;
+
+struct ControllerHooks {
+    // The backends, created by Initialise().
+    std::function<std::shared_ptr<Backend::Radio>()> makeRadio;
+    std::function<std::shared_ptr<Backend::Scanner>()> makeScanner;
+    std::function<std::shared_ptr<Backend::Advertiser>()> makeAdvertiser;
+
+    // The sibling daemons. Listening: 0 or a negative errno. Settings: the value of a "bluetooth" key, or
+    // the given safe default (logged) when it cannot be read. Property reads: 0 or a negative errno, the
+    // map filled on success.
+    std::function<int(Settingsd::SettingsDaemonDbusHandler&)> listenSettings;
+    std::function<int(Pylond::PylonDaemonDbusHandler&)> listenPower;
+    std::function<int(Networkd::NetworkDaemonDbusHandler&)> listenNetwork;
+    std::function<uint32_t(const char* key, uint32_t safeDefault)> readNumberSetting;
+    std::function<bool(const char* key, bool safeDefault)> readFlagSetting;
+    std::function<int(sdbus_utils::TypedPropertyMap&)> readPowerProperties;
+    std::function<int(sdbus_utils::TypedPropertyMap&)> readNetworkProperties;
+
+    // The radio reboot's wait and the camera manager's polls.
+    Loop::Sleeper sleep;
+    // CLOCK_MONOTONIC now, in microseconds: where the next auto-scan period starts from.
+    std::function<uint64_t()> monotonicNowUsec;
+};
+
+// The real backends, the real sibling daemons, real sleeps and the real clock.
+ControllerHooks SystemControllerHooks();
+
+class BluetoothController {
+  public:
+    // Outcome of configuring a remote camera: success, and the camera's JSON document.
+    using ConfiguredCameraSignal = sigc::signal<void(bool, std::string)>;
+    // The known remote cameras changed (new data read from one of them).
+    using RemoteCamerasChangedSignal = sigc::signal<void()>;
+
+    static constexpr int kScanAttempts = 3;
+    static constexpr std::chrono::milliseconds kRadioRebootWait{2000};
+    // The version recorded after a schema that cannot be built.
+    static constexpr uint32_t kFallbackScanResponseVersion = 3;
+
+    // Listens to the sibling daemons, reads their state and the settings, creates the auto-scan timer
+    // disarmed. Touches no backend: nothing is switched on before Initialise().
+    explicit BluetoothController(sd_event* loop);
+    BluetoothController(sd_event* loop, ControllerHooks hooks);
+    ~BluetoothController();
+    BluetoothController(const BluetoothController&) = delete;
+    BluetoothController& operator=(const BluetoothController&) = delete;
+
+    // Creates the backends; when all three are usable, creates the camera manager and applies the
+    // settings. True when the controller came up.
+    bool Initialise();
+    bool IsInitialised() const { return initialised; }
+
+    uint32_t GetScanResponseVersion() const { return scanResponseVersion; }
+    // Rebuilds the scan response for `version` (falling back as logged when it cannot be built) and
+    // restarts advertising when it is enabled.
+    void UpdateScanResponse(uint32_t version);
+    bool GetAdvertisingEnabled() const { return advertisingEnabled; }
+    // Starts or stops advertising only on a change of the flag; the radio's power is not consulted.
+    void SetAdvertisingEnabled(bool enabled);
+    bool GetAutoScanEnabled() const { return autoScanEnabled; }
+    void SetAutoScanEnabled(bool enabled);
+    uint32_t GetAutoScanRateSecs() const { return autoScanRateSecs; }
+    // Takes effect at the timer's next arming.
+    void SetAutoScanRateSecs(uint32_t seconds) { autoScanRateSecs = seconds; }
+
+    // Arms the timer one period from the loop's now / disarms it; failures are logged.
+    void StartAutoScanTask();
+    void StopAutoScanTask();
+    // One auto-scan period (the timer's work): the OR of the last scan's result and the re-arming calls'
+    // results, 0 when all went well. The timer's own callback hands sd-event a non-negative value
+    // whatever this returns, so that the source stays enabled.
+    int AutoScanTask();
+    // The timer as it stands: its due time (UINT64_MAX when disarmed) and whether it is switched on.
+    uint64_t AutoScanDueUsec() const;
+    bool AutoScanArmed() const;
+
+    // Receivers of the sibling daemons' property maps.
+    void SettingsChanged(sdbus_utils::TypedPropertyMap& settings);
+    void NetworkPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
+    void PowerPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
+
+    // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
+    std::mutex& ScanLock() { return scanLock; }
+
+    ConfiguredCameraSignal& ConfiguredCamera() { return configuredCamera; }
+    RemoteCamerasChangedSignal& RemoteCamerasChanged() { return remoteCamerasChanged; }
+
+    // For the D-Bus objects; null before Initialise().
+    const std::shared_ptr<Backend::Radio>& Radio() const { return radio; }
+    const std::shared_ptr<Backend::Scanner>& Scanner() const { return scanner; }
+    const std::shared_ptr<Backend::Advertiser>& Advertiser() const { return advertiser; }
+    const std::shared_ptr<KelpBleManager>& CameraManager() const { return remoteCameraManager; }
+
+  private:
+    void ReadSettings();
+    void ApplySettings();
+    // Sets the timer's due time and switch; the OR of both calls' results.
+    int ArmTimer(uint64_t dueUsec, int enabled);
+    int ScanWithRetries();
+    static int OnAutoScanTimer(sd_event_source* source, uint64_t usec, void* userdata);
+
+    std::shared_ptr<ScanResponse::Base> scanResponse;
+    std::shared_ptr<Backend::Advertiser> advertiser;
+    std::shared_ptr<Backend::Scanner> scanner;
+    std::shared_ptr<Backend::Radio> radio;
+    std::shared_ptr<KelpBleManager> remoteCameraManager;
+
+    // the "bluetooth" settings, as last read or changed
+    uint32_t scanResponseVersion = 0;
+    uint32_t autoScanRateSecs = 0;
+    bool powered = false;
+    bool discoverable = false;
+    bool pairable = false;
+    bool autoScanEnabled = false;
+    bool advertisingEnabled = false;
+    bool initialised = false;
+    bool systemCallDebug = false;
+
+    DbusHelper::EventSource autoScanTimer;
+    sd_event* loop;
+    std::chrono::system_clock::time_point lastScanTime{};
+
+    std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settingsClient;
+    std::shared_ptr<Pylond::PylonDaemonDbusHandler> powerClient;
+    std::shared_ptr<Networkd::NetworkDaemonDbusHandler> networkClient;
+
+    ConfiguredCameraSignal configuredCamera;
+    RemoteCamerasChangedSignal remoteCamerasChanged;
+
+    ControllerHooks hooks;
+    // One per process, as there is one controller: a scan and a camera's GATT exchange never overlap.
+    std::mutex scanLock;
+};

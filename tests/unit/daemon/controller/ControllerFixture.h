@@ -1,0 +1,150 @@
+#pragma once
+// The controller on fakes of its three backends and of the sibling daemons, with a real sd-event loop
+// for its timer. Every backend call, sibling call and sleep lands in one journal, in the order made.
+
+#include <gtest/gtest.h>
+#include <systemd/sd-event.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "controller/BluetoothController.h"
+#include "logging/Log.h"
+#include "scan_response/ThisDevice.h"
+#include "test_support/FakeAdvertiser.h"
+#include "test_support/FakeRadio.h"
+#include "test_support/FakeScanner.h"
+
+namespace ControllerTest {
+
+using Journal = std::vector<std::string>;
+
+class ControllerFixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_GE(sd_event_new(&loop), 0);
+        ScanResponse::Utils::ThisDevice::ResetForTests();
+        radio->journal = journal;
+        scanner->journal = journal;
+        advertiser->journal = journal;
+    }
+
+    void TearDown() override {
+        controller.reset();
+        sd_event_unref(loop);
+        ScanResponse::Utils::ThisDevice::ResetForTests();
+    }
+
+    ControllerHooks Hooks() {
+        ControllerHooks hooks;
+        hooks.makeRadio = [this] { return radio; };
+        hooks.makeScanner = [this] { return scanner; };
+        hooks.makeAdvertiser = [this] { return advertiser; };
+        hooks.listenSettings = [this](Settingsd::SettingsDaemonDbusHandler&) {
+            journal->push_back("listen settings");
+            return listenResult;
+        };
+        hooks.listenPower = [this](Pylond::PylonDaemonDbusHandler&) {
+            journal->push_back("listen power");
+            return listenResult;
+        };
+        hooks.listenNetwork = [this](Networkd::NetworkDaemonDbusHandler&) {
+            journal->push_back("listen network");
+            return listenResult;
+        };
+        hooks.readNumberSetting = [this](const char* key, uint32_t safeDefault) {
+            const auto it = numbers.find(key);
+            return it == numbers.end() ? safeDefault : it->second;
+        };
+        hooks.readFlagSetting = [this](const char* key, bool safeDefault) {
+            const auto it = flags.find(key);
+            return it == flags.end() ? safeDefault : it->second;
+        };
+        hooks.readPowerProperties = [this](sdbus_utils::TypedPropertyMap& properties) {
+            journal->push_back("read power");
+            if (powerReadResult >= 0)
+                properties = powerProperties;
+            return powerReadResult;
+        };
+        hooks.readNetworkProperties = [this](sdbus_utils::TypedPropertyMap& properties) {
+            journal->push_back("read network");
+            if (networkReadResult >= 0)
+                properties = networkProperties;
+            return networkReadResult;
+        };
+        hooks.sleep = [this](std::chrono::milliseconds duration) {
+            journal->push_back("sleep " + std::to_string(duration.count()) + " ms");
+        };
+        if (realClock)
+            hooks.monotonicNowUsec = SystemControllerHooks().monotonicNowUsec;
+        else
+            hooks.monotonicNowUsec = [this] { return nowUsec; };
+        return hooks;
+    }
+
+    BluetoothController& Make() {
+        controller = std::make_unique<BluetoothController>(loop, Hooks());
+        return *controller;
+    }
+
+    // Constructed and initialised, with the journal and the fakes' call lists emptied afterwards.
+    BluetoothController& MakeInitialised() {
+        Make();
+        EXPECT_TRUE(controller->Initialise());
+        Forget();
+        return *controller;
+    }
+
+    void Forget() {
+        journal->clear();
+        radio->calls.clear();
+        advertiser->calls.clear();
+    }
+
+    // Runs loop iterations until `condition` holds, for at most `limit`.
+    template <typename Condition>
+    bool RunLoopUntil(Condition condition,
+                      std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() >= end)
+                return false;
+            if (sd_event_run(loop, 50'000) < 0)
+                return false;
+        }
+        return true;
+    }
+
+    sd_event* loop = nullptr;
+    std::shared_ptr<Journal> journal = std::make_shared<Journal>();
+    std::shared_ptr<TestSupport::FakeRadio> radio = std::make_shared<TestSupport::FakeRadio>();
+    std::shared_ptr<TestSupport::FakeScanner> scanner = std::make_shared<TestSupport::FakeScanner>();
+    std::shared_ptr<TestSupport::FakeAdvertiser> advertiser = std::make_shared<TestSupport::FakeAdvertiser>();
+
+    // Settings the settings daemon has; the others are read as their safe defaults.
+    std::map<std::string, uint32_t> numbers;
+    std::map<std::string, bool> flags;
+    int listenResult = 0;
+    int powerReadResult = -ENOTCONN;
+    int networkReadResult = -ENOTCONN;
+    sdbus_utils::TypedPropertyMap powerProperties;
+    sdbus_utils::TypedPropertyMap networkProperties;
+
+    // The clock the auto-scan period re-arms from, unless realClock.
+    uint64_t nowUsec = 5'000'000'000ULL;
+    bool realClock = false;
+
+    std::unique_ptr<BluetoothController> controller;
+};
+
+inline sdbus_utils::TypedPropertyMap Map(
+    std::initializer_list<std::pair<const std::string, std::pair<std::string, std::any>>> entries) {
+    return sdbus_utils::TypedPropertyMap(entries);
+}
+
+}  // namespace ControllerTest
