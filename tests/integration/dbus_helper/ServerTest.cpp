@@ -7,12 +7,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "test_support/LoopHelpers.h"
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/DbusServer.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "dbus_helper/Vtable.h"
 #include "logging/Log.h"
+#include "test_support/LoopHelpers.h"
 #include "test_support/TestEnv.h"
 
 using BusTest::LoopThread;

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "test_support/BusPair.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "logging/Log.h"
+#include "test_support/BusPair.h"
 
 using DbusHelperTest::MessageFactory;
 using sdbus_utils::TypedPropertyMap;

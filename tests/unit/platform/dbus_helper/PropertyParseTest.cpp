@@ -7,8 +7,8 @@
 #include <tuple>
 #include <vector>
 
-#include "test_support/BusPair.h"
 #include "dbus_helper/SdbusUtils.h"
+#include "test_support/BusPair.h"
 
 using DbusHelperTest::MessageFactory;
 using sdbus_utils::TypedPropertyMap;

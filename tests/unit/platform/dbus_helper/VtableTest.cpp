@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "test_support/BusPair.h"
 #include "dbus_helper/Vtable.h"
 #include "loop/CBoundary.h"
+#include "test_support/BusPair.h"
 
 namespace vt = sdbus_utils::vtable;
 
