@@ -74,7 +74,10 @@ void TinybScanner::Register(tinyb::BluetoothDevice& device) {
     }
     candidate->SetMissCredit(kMissCredit);
     candidate->SetSeen(true);
-    devices.push_back(candidate);
+    {
+        std::lock_guard<std::mutex> lock(devicesMutex);
+        devices.push_back(candidate);
+    }
     Logging::Log(LOG_INFO, "**NEW** Device Discovered:");
     if (candidate->Type() == ScannedDevice::kRemoteCameraType)
         newRemoteCamera.emit(candidate->ToJson().dump());
@@ -110,6 +113,7 @@ void TinybScanner::Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>
         } else if ((*entry)->MissCredit() < 1) {
             Logging::Log(LOG_WARNING, "[SCAN] removing {%s} from internal list as it seems to be unavailable",
                          (*entry)->Name().c_str());
+            std::lock_guard<std::mutex> lock(devicesMutex);
             entry = devices.erase(entry);
         } else {
             (*entry)->SetMissCredit((*entry)->MissCredit() - 1);
@@ -138,6 +142,11 @@ int TinybScanner::Scan() {
         result = -1;
     Age(listed);
     return result;
+}
+
+TinybScanner::DeviceList TinybScanner::Devices() const {
+    std::lock_guard<std::mutex> lock(devicesMutex);
+    return devices;
 }
 
 int TinybScanner::ForgetAllDevices() {

@@ -17,8 +17,10 @@ bool IsAnswer(const std::vector<uint8_t>& value) {
 
 }  // namespace
 
-KelpBleManager::KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep)
-    : radio(std::move(radio)), sleep(std::move(sleep)), notifier(std::make_shared<Notifier>()) {}
+KelpBleManager::KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep, Deliver deliver)
+    : radio(std::move(radio)), sleep(std::move(sleep)), notifier(std::make_shared<Notifier>()) {
+    notifier->deliver = std::move(deliver);
+}
 
 KelpBleManager::~KelpBleManager() = default;
 
@@ -51,8 +53,19 @@ bool KelpBleManager::Subscribe(const std::shared_ptr<ScannedDevice::RemoteCamera
         CameraProtocol::OnNotification(*camera, value);
         if (!IsAnswer(value))
             return;
-        if (auto alive = weakNotifier.lock())
-            alive->newData.emit(camera->ToJson().dump());
+        auto alive = weakNotifier.lock();
+        if (!alive)
+            return;
+        // the document as it is now: a later answer must not show up in this one's emission
+        std::string json = camera->ToJson().dump();
+        if (!alive->deliver) {
+            alive->newData.emit(json);
+            return;
+        }
+        alive->deliver([weakNotifier, json = std::move(json)] {
+            if (auto stillAlive = weakNotifier.lock())
+                stillAlive->newData.emit(json);
+        });
     });
 
     std::shared_ptr<Subscription> subscribed;

@@ -24,8 +24,9 @@ class Scanner : public ScannerInterface {
 
     // False when the stack could not be reached at construction; Scan() must not run then.
     virtual bool IsUsable() const = 0;
-    // The known devices, in order of first discovery.
-    virtual const DeviceList& Devices() const = 0;
+    // A copy of the known devices, in order of first discovery. Safe from any thread, also while a pass
+    // runs on another: camera workers read it beside the loop's passes.
+    virtual DeviceList Devices() const = 0;
     // Emitted inside a pass for each newly found remote camera.
     virtual NewRemoteCameraSignal& NewRemoteCamera() = 0;
 

@@ -3,10 +3,12 @@
 // passes, in order of first discovery, ages out those that stop appearing and announces every newly found
 // remote camera as JSON text.
 //
-// A pass runs on the calling thread and blocks in BlueZ calls. The scanner has no lock: its owner
-// serialises passes and readers of Devices(). Slots of NewRemoteCamera() run inside the pass.
+// A pass runs on the calling thread and blocks in BlueZ calls; its owner serialises passes. Devices()
+// may be read from any thread: the list is guarded, and a record's published fields do not change once
+// it is listed. Slots of NewRemoteCamera() run inside the pass.
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,8 +47,7 @@ class TinybScanner final : public Scanner {
     // The internal list is left alone.
     int ForgetAllDevices();
 
-    // The known devices, in order of first discovery.
-    const DeviceList& Devices() const override { return devices; }
+    DeviceList Devices() const override;
     // Emitted with the JSON text of each newly discovered remote camera.
     NewRemoteCameraSignal& NewRemoteCamera() override { return newRemoteCamera; }
 
@@ -64,6 +65,8 @@ class TinybScanner final : public Scanner {
     void Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>>& present);
 
     bool valid = false;
+    // Written by passes only; readers on other threads take a copy under the lock.
+    mutable std::mutex devicesMutex;
     DeviceList devices;
     NewRemoteCameraSignal newRemoteCamera;
     tinyb::BluetoothManager* manager = nullptr;

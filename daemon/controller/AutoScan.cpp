@@ -6,6 +6,7 @@
 #include "backend/Scanner.h"
 #include "controller/AutoScanClock.h"
 #include "controller/BluetoothController.h"
+#include "controller/CameraWorkers.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
 
@@ -48,7 +49,7 @@ int BluetoothController::ScanWithRetries() {
         hooks.sleep(kRadioRebootWait);
         radio->SetPowered(true);
     }
-    lastScanTime = std::chrono::system_clock::now();
+    cameraWorkers->SetLastScanTime(std::chrono::system_clock::now());
     return result;
 }
 
@@ -56,7 +57,7 @@ int BluetoothController::AutoScanTask() {
     int result = 0;
     {
         // a camera worker holds it for its whole exchange: this period is skipped, never waited for
-        std::unique_lock<std::mutex> lock(scanLock, std::try_to_lock);
+        std::unique_lock<std::mutex> lock(ScanLock(), std::try_to_lock);
         if (lock.owns_lock()) {
             if (advertiser->IsAdvertising())
                 advertiser->StopAdvertising();

@@ -17,9 +17,13 @@
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
+#include "controller/CameraWorkers.h"
 #include "logging/Log.h"
+#include "loop/Queue.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scan_response/ScanResponse.h"
+#include "scanned_device/RemoteCamera.h"
+#include "vantu_info/VantuInfo.h"
 #include "vocabulary/Vocabulary.h"
 
 namespace {
@@ -59,6 +63,7 @@ ControllerHooks SystemControllerHooks() {
         return Networkd::NetworkDaemonDbusHandler::GetAllNetworkProperties(properties);
     };
     hooks.sleep = Loop::SleepFor;
+    hooks.radioType = VantuInfo::ThisVantu::RadioType;
     hooks.monotonicNowUsec = MonotonicNowUsec;
     return hooks;
 }
@@ -68,6 +73,12 @@ BluetoothController::BluetoothController(sd_event* eventLoop)
 
 BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks controllerHooks)
     : loop(eventLoop), hooks(std::move(controllerHooks)) {
+    queue = std::make_shared<Loop::Queue>(loop);
+    // only ever called on the loop, through the queue, which the destructor closes first
+    cameraWorkers = std::make_shared<CameraWorkers>(
+        queue, hooks.radioType, hooks.sleep,
+        [this](bool success, const std::string& json) { configuredCamera.emit(success, json); });
+
     settingsClient = std::make_shared<Settingsd::SettingsDaemonDbusHandler>(loop);
     if (hooks.listenSettings(*settingsClient) < 0)
         Logging::Log(LOG_ERR, "%s: Failed to register SettingsDaemon d-bus listener", kConstructor);
@@ -109,7 +120,22 @@ BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks co
         (void)sd_event_source_set_enabled(autoScanTimer.get(), SD_EVENT_OFF);
 }
 
-BluetoothController::~BluetoothController() = default;
+BluetoothController::~BluetoothController() {
+    if (!cameraWorkers->Stop(kWorkerStopGrace))
+        Logging::Log(LOG_WARNING, "%d camera worker(s) still running at exit", cameraWorkers->Running());
+}
+
+std::mutex& BluetoothController::ScanLock() {
+    return cameraWorkers->ScanLock();
+}
+
+void BluetoothController::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera) {
+    cameraWorkers->StartConfiguration(std::move(camera));
+}
+
+void BluetoothController::StartBleInfoRefresh() {
+    cameraWorkers->StartBleInfoRefresh();
+}
 
 void BluetoothController::ReadSettings() {
     using namespace BluetoothSettings;
@@ -139,7 +165,21 @@ bool BluetoothController::Initialise() {
     if (radio && scanner && advertiser && radio->IsUsable() && scanner->IsUsable() &&
         advertiser->IsUsable()) {
         advertiser->SetScanResponse(scanResponse);
-        remoteCameraManager = std::make_shared<KelpBleManager>(radio, hooks.sleep);
+        // The manager may outlive the controller inside a worker: it holds the workers only weakly, and
+        // the queue drops what arrives after the controller is gone.
+        std::weak_ptr<CameraWorkers> weakWorkers = cameraWorkers;
+        remoteCameraManager = std::make_shared<KelpBleManager>(
+            radio,
+            [weakWorkers, sleep = hooks.sleep](std::chrono::milliseconds duration) {
+                // once the daemon stops, a flow in progress runs out its polls at once
+                if (auto workers = weakWorkers.lock())
+                    workers->Sleep(sleep, duration);
+            },
+            [loopQueue = queue](std::function<void()> task) { (void)loopQueue->Post(std::move(task)); });
+        // after every slot of the new data: the D-Bus objects announce the data, then the changed list
+        remoteCameraManager->NewData().connect(
+            [this](const std::string&) { (void)queue->Post([this] { remoteCamerasChanged.emit(); }); });
+        cameraWorkers->Attach(remoteCameraManager, scanner);
         ApplySettings();
         initialised = true;
         return true;

@@ -31,15 +31,28 @@ Queue::~Queue() {
     close(fd);
 }
 
-void Queue::Post(std::function<void()> task) {
+void Queue::Close() {
+    std::deque<std::function<void()>> dropped;
     {
         std::lock_guard<std::mutex> lock(mutex);
+        closed = true;
+        dropped.swap(tasks);
+    }
+    source.reset();
+}
+
+bool Queue::Post(std::function<void()> task) {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (closed)
+            return false;
         tasks.push_back(std::move(task));
     }
     const uint64_t one = 1;
     // EAGAIN means the counter is already non-zero: the loop will wake anyway
     while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
     }
+    return true;
 }
 
 int Queue::OnWake(sd_event_source*, int, uint32_t, void* userdata) {

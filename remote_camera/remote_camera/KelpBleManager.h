@@ -35,6 +35,9 @@ class KelpBleManager {
     using Sleeper = Loop::Sleeper;
     // Carries the camera's JSON document (ScannedDevice::RemoteCamera::ToJson, compact).
     using NewDataSignal = sigc::signal<void(const std::string&)>;
+    // Runs a task on the thread that should see NewData (the daemon posts it to its loop); null runs it
+    // at once, on the BLE library's thread.
+    using Deliver = std::function<void(std::function<void()>)>;
 
     static constexpr const char* kServiceUuidPart = "fdeafdea";
     static constexpr const char* kCommandUuidPart = "fdea0001";
@@ -47,8 +50,10 @@ class KelpBleManager {
     static constexpr std::chrono::milliseconds kWiFiPoll{1000};
 
     // Over the daemon's radio, which carries the connections and the GATT operations; with a null radio
-    // nothing reaches a camera. `sleep` replaces the real sleeps (tests count them instead of waiting).
-    explicit KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep = Loop::SleepFor);
+    // nothing reaches a camera. `sleep` replaces the real sleeps (tests count them instead of waiting);
+    // `deliver` carries each NewData emission to its thread, in the order the answers arrived.
+    explicit KelpBleManager(std::shared_ptr<Backend::Radio> radio, Sleeper sleep = Loop::SleepFor,
+                            Deliver deliver = nullptr);
     ~KelpBleManager();
     KelpBleManager(const KelpBleManager&) = delete;
     KelpBleManager& operator=(const KelpBleManager&) = delete;
@@ -80,15 +85,17 @@ class KelpBleManager {
     // `seconds` at most, while it is 'G' or 'B'. True for 'R' or 'C'.
     bool WaitForWiFi(const std::shared_ptr<ScannedDevice::RemoteCamera>& device, int seconds);
 
-    // Emitted on the BLE library's thread after each notified answer (version, Wi-Fi or power) has been
-    // stored, with the camera's JSON document. Empty and unknown values emit nothing. Connect slots
-    // before the first Subscribe.
+    // Emitted after each notified answer (version, Wi-Fi or power) has been stored, with the camera's
+    // JSON document as it stood then, through `deliver` (on the BLE library's thread without one).
+    // Empty and unknown values emit nothing. Connect slots on the thread that emits, before the first
+    // Subscribe.
     NewDataSignal& NewData() { return notifier->newData; }
 
   private:
     // Outlives the manager while a callback still runs.
     struct Notifier {
         NewDataSignal newData;
+        Deliver deliver;
     };
 
     struct Subscription {

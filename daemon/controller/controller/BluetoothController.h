@@ -4,9 +4,10 @@
 // the "bluetooth" settings into calls on the backends, keeps the scan response current and runs the
 // periodic scan.
 //
-// Threads: everything here runs on the event-loop thread, except what the camera workers read (the
-// radio and the camera manager) and the scan lock, which they take. Fields are plain: the loop is the
-// only writer.
+// Threads: everything here runs on the event-loop thread. The camera work runs on detached worker
+// threads (CameraWorkers), which share the scan lock with the auto-scan period and hand what they report
+// back to the loop through the loop queue; the signals below fire on the loop thread only. Fields are
+// plain: the loop is the only writer.
 //
 // What the controller needs from the outside world comes in one ControllerHooks, so that tests can run
 // it on fakes with a real sd-event loop; the daemon uses SystemControllerHooks().
@@ -34,6 +35,12 @@ class Scanner;
 namespace ScanResponse {
 class Base;
 }
+namespace ScannedDevice {
+class RemoteCamera;
+}
+namespace Loop {
+class Queue;
+}
 
 namespace Settingsd {
 class SettingsDaemonDbusHandler;
@@ -46,6 +53,7 @@ class PylonDaemonDbusHandler;
 }
 
 class KelpBleManager;
+class CameraWorkers;
 
 struct ControllerHooks {
     // The backends, created by Initialise().
@@ -64,8 +72,10 @@ struct ControllerHooks {
     std::function<int(sdbus_utils::TypedPropertyMap&)> readPowerProperties;
     std::function<int(sdbus_utils::TypedPropertyMap&)> readNetworkProperties;
 
-    // The radio reboot's wait and the camera manager's polls.
+    // The radio reboot's wait, the camera manager's polls and the camera workers' pauses.
     Loop::Sleeper sleep;
+    // This unit's radio type (1: 5 GHz Wi-Fi), which sets the band a camera is put on.
+    std::function<int()> radioType;
     // CLOCK_MONOTONIC now, in microseconds: where the next auto-scan period starts from.
     std::function<uint64_t()> monotonicNowUsec;
 };
@@ -84,6 +94,8 @@ class BluetoothController {
     static constexpr std::chrono::milliseconds kRadioRebootWait{2000};
     // The version recorded after a schema that cannot be built.
     static constexpr uint32_t kFallbackScanResponseVersion = 3;
+    // How long the destructor waits for camera workers to end their flows.
+    static constexpr std::chrono::milliseconds kWorkerStopGrace{3000};
 
     // Listens to the sibling daemons, reads their state and the settings, creates the auto-scan timer
     // disarmed. Touches no backend: nothing is switched on before Initialise().
@@ -127,8 +139,16 @@ class BluetoothController {
     void NetworkPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
     void PowerPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
 
+    // Prepare one scanned camera for use (connect, switch on, wait for its access point, set its band)
+    // and report through ConfiguredCamera(); re-read the BLE information of every known camera, which
+    // reaches the camera manager's NewData(). Both on detached threads; both return at once.
+    void ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera);
+    void StartBleInfoRefresh();
+
     // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
-    std::mutex& ScanLock() { return scanLock; }
+    std::mutex& ScanLock();
+    // The camera work's state, shared with its threads.
+    const std::shared_ptr<CameraWorkers>& Workers() const { return cameraWorkers; }
 
     ConfiguredCameraSignal& ConfiguredCamera() { return configuredCamera; }
     RemoteCamerasChangedSignal& RemoteCamerasChanged() { return remoteCamerasChanged; }
@@ -166,7 +186,8 @@ class BluetoothController {
 
     DbusHelper::EventSource autoScanTimer;
     sd_event* loop;
-    std::chrono::system_clock::time_point lastScanTime{};
+    // The last scan time, which the camera workers also use as their stopwatch, lives in
+    // cameraWorkers: the workers may outlive the controller.
 
     std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settingsClient;
     std::shared_ptr<Pylond::PylonDaemonDbusHandler> powerClient;
@@ -176,6 +197,8 @@ class BluetoothController {
     RemoteCamerasChangedSignal remoteCamerasChanged;
 
     ControllerHooks hooks;
-    // One per process, as there is one controller: a scan and a camera's GATT exchange never overlap.
-    std::mutex scanLock;
+    // Hands what the camera workers and the BLE library's thread report to the loop, in order.
+    std::shared_ptr<Loop::Queue> queue;
+    // Holds the process's one scan lock: a scan and a camera's GATT exchange never overlap.
+    std::shared_ptr<CameraWorkers> cameraWorkers;
 };

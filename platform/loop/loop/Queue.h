@@ -22,7 +22,12 @@ class Queue {
     Queue& operator=(const Queue&) = delete;
 
     // Any thread. Tasks run on the loop thread in the order posted; one that throws is logged and dropped.
-    void Post(std::function<void()> task);
+    // After Close() tasks are dropped: false.
+    bool Post(std::function<void()> task);
+
+    // Loop thread. Drops what is queued and stops watching the loop, so that a queue shared with
+    // threads that outlive its owner may be released on any of them afterwards.
+    void Close();
 
   private:
     static int OnWake(sd_event_source* source, int fd, uint32_t revents, void* userdata);
@@ -32,6 +37,7 @@ class Queue {
     DbusHelper::EventSource source;
     std::mutex mutex;
     std::deque<std::function<void()>> tasks;
+    bool closed = false;
 };
 
 }  // namespace Loop

@@ -7,6 +7,8 @@
 #   run-vm.sh --build-dir DIR [--install-deps SCRIPT] [--driver NAME=PATH ...]
 #
 # Exit status: 0 all scenarios passed, 1 a scenario failed, 77 this machine cannot run the tier.
+# A run whose guest kernel crashed (a BUG or an oops in its log: the emulated controllers' driver, not
+# the code under test) boots once more; its logs are kept like a failure's.
 # Environment:
 #   QB_E2E_CACHE      where the extracted kernel and the initramfs are kept (default DIR/e2e-cache)
 #   QB_E2E_SCENARIOS  scenarios to run, comma separated (default: all of them)
@@ -19,6 +21,7 @@ set -uo pipefail
 
 SKIP=77
 here=$(cd "$(dirname "$0")" && pwd)
+args=("$@")
 e2e_dir=$(dirname "$here")
 build_dir=
 install_deps=
@@ -139,5 +142,12 @@ mkdir -p "$kept" && cp -a "$out"/. "$kept"/
 ls -1d "$build_dir"/e2e-failed/*/ 2>/dev/null | head -n -5 | xargs -r rm -rf
 echo "---- console (tail) ----"
 tail -n 40 "$out/console.log" 2>/dev/null
+if [ -z "${QB_E2E_RETRIED:-}" ] &&
+   grep -qE 'kernel BUG at|Oops:|general protection fault' "$out/dmesg.txt" "$out/console.log" 2>/dev/null; then
+  grep -hE -m1 'kernel BUG at|Oops:|general protection fault|corruption' "$out/dmesg.txt" 2>/dev/null |
+    sed 's/^/e2e: guest kernel crashed: /'
+  echo "e2e: the guest kernel crashed (logs kept in $kept); booting once more"
+  QB_E2E_RETRIED=1 exec "$0" "${args[@]}"
+fi
 echo "e2e: FAILED; logs (btmon trace, bluetoothd log, driver and peer logs) kept in $kept"
 exit 1

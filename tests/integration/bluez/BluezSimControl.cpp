@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace BluezSim {
 
@@ -86,6 +87,31 @@ void Control::AppendDeviceProps(sd_bus_message* m, const DeviceProps& props) {
     }
     if (props.camera)
         Check(sd_bus_message_append(m, "{sv}", "X-Camera", "b", 1), "X-Camera");
+    const std::pair<const char*, bool> cameraMaps[] = {{"X-CameraState", !props.cameraState.empty()},
+                                                       {"X-Camera-Profile", !props.cameraProfile.empty()}};
+    for (const auto& [key, present] : cameraMaps) {
+        if (!present)
+            continue;
+        Check(sd_bus_message_open_container(m, 'e', "sv"), key);
+        Check(sd_bus_message_append(m, "s", key), key);
+        Check(sd_bus_message_open_container(m, 'v', "a{sv}"), key);
+        Check(sd_bus_message_open_container(m, 'a', "{sv}"), key);
+        if (std::string(key) == "X-CameraState") {
+            for (const auto& [name, value] : props.cameraState)
+                Check(sd_bus_message_append(m, "{sv}", name.c_str(), "s", value.c_str()), name.c_str());
+        } else {
+            for (const auto& [name, value] : props.cameraProfile) {
+                if (const auto* number = std::get_if<uint32_t>(&value))
+                    Check(sd_bus_message_append(m, "{sv}", name.c_str(), "u", *number), name.c_str());
+                else
+                    Check(sd_bus_message_append(m, "{sv}", name.c_str(), "s",
+                                                std::get<std::string>(value).c_str()),
+                          name.c_str());
+            }
+        }
+        for (int level = 0; level < 3; ++level)
+            Check(sd_bus_message_close_container(m), key);
+    }
     if (props.onlyOnDiscovery)
         Check(sd_bus_message_append(m, "{sv}", "X-OnlyOnDiscovery", "b", 1), "X-Only");
     Check(sd_bus_message_close_container(m), "props");

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace BluezSim {
@@ -20,6 +21,9 @@ struct DeviceProps {
     std::optional<uint32_t> deviceClass;
     std::map<uint16_t, Bytes> manufacturerData;  // omitted when empty
     bool camera = false;
+    // With camera: its initial state ("power", "wifi", "band") and its profile (sim/kelp_camera.py).
+    std::map<std::string, std::string> cameraState;
+    std::map<std::string, std::variant<uint32_t, std::string>> cameraProfile;
     bool onlyOnDiscovery = false;
 };
 

@@ -1,12 +1,14 @@
 #pragma once
 // A Backend::Scanner without a bus: Scan() counts its calls, runs an optional hook (the pass) and returns
 // the configured result; the device list is whatever the test puts there. Announcements of new remote
-// cameras go out only when the test makes them (AnnounceRemoteCamera). As with the real scanner, the
-// owner serialises passes and readers of Devices(); the call count alone may be read from any thread.
+// cameras go out only when the test makes them (AnnounceRemoteCamera). The owner serialises passes;
+// Devices() and the call count may be read from any thread. A test fills `devices` before threads start,
+// or through SetDevices() while they run.
 
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,13 +41,21 @@ class FakeScanner final : public Backend::Scanner {
     int ScanCalls() const { return scanCalls.load(); }
 
     bool IsUsable() const override { return usable; }
-    const DeviceList& Devices() const override { return devices; }
+    DeviceList Devices() const override {
+        std::lock_guard<std::mutex> lock(devicesMutex);
+        return devices;
+    }
+    void SetDevices(DeviceList list) {
+        std::lock_guard<std::mutex> lock(devicesMutex);
+        devices = std::move(list);
+    }
     NewRemoteCameraSignal& NewRemoteCamera() override { return newRemoteCamera; }
 
     // Emits NewRemoteCamera with `json`, as a pass does for a camera it has just found.
     void AnnounceRemoteCamera(const std::string& json) { newRemoteCamera.emit(json); }
 
   private:
+    mutable std::mutex devicesMutex;
     std::atomic<int> scanCalls{0};
     NewRemoteCameraSignal newRemoteCamera;
 };

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -79,7 +80,10 @@ class ControllerFixture : public ::testing::Test {
         };
         hooks.sleep = [this](std::chrono::milliseconds duration) {
             journal->push_back("sleep " + std::to_string(duration.count()) + " ms");
+            if (onSleep)
+                onSleep(duration);
         };
+        hooks.radioType = [this] { return radioType; };
         if (realClock)
             hooks.monotonicNowUsec = SystemControllerHooks().monotonicNowUsec;
         else
@@ -134,6 +138,11 @@ class ControllerFixture : public ::testing::Test {
     int networkReadResult = -ENOTCONN;
     sdbus_utils::TypedPropertyMap powerProperties;
     sdbus_utils::TypedPropertyMap networkProperties;
+
+    // This unit's radio type, as the identity source tells it.
+    int radioType = 0;
+    // Runs inside every sleep, after it was journaled (a test that holds a worker there).
+    std::function<void(std::chrono::milliseconds)> onSleep;
 
     // The clock the auto-scan period re-arms from, unless realClock.
     uint64_t nowUsec = 5'000'000'000ULL;

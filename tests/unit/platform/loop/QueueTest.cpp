@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -31,4 +32,21 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
     for (int i = 0; i < 50; ++i)
         EXPECT_EQ(order[static_cast<size_t>(i)], i);
     EXPECT_EQ(ranOn, std::this_thread::get_id());
+}
+
+TEST(LoopQueue, AClosedQueueDropsWhatWasQueuedAndRefusesMoreAndMayBeReleasedOffTheLoop) {
+    sd_event* loop = nullptr;
+    ASSERT_GE(sd_event_new(&loop), 0);
+    int ran = 0;
+    auto queue = std::make_shared<Loop::Queue>(loop);
+    EXPECT_TRUE(queue->Post([&ran] { ++ran; }));
+    queue->Close();
+    EXPECT_FALSE(queue->Post([&ran] { ++ran; }));
+    // nothing left for the loop to watch or run
+    EXPECT_EQ(sd_event_run(loop, 0), 0);
+    EXPECT_EQ(ran, 0);
+    // a worker that held the last reference lets it go on its own thread
+    std::thread holder([held = std::move(queue)]() mutable { held.reset(); });
+    holder.join();
+    sd_event_unref(loop);
 }
