@@ -4,6 +4,7 @@
 
 #include "backend/TinybRadio.h"
 #include "logging/Log.h"
+#include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
 #include "scanned_device/ScannedDevice.h"
 #include "tinyb/tinyb.hpp"
@@ -80,7 +81,7 @@ void TinybScanner::Register(tinyb::BluetoothDevice& device) {
     }
     Logging::Log(LOG_INFO, "**NEW** Device Discovered:");
     if (candidate->Type() == ScannedDevice::kRemoteCameraType)
-        newRemoteCamera.emit(candidate->ToJson().dump());
+        newRemoteCamera.emit(ScannedDevice::DumpJson(candidate->ToJson()));
     Logging::Log(LOG_INFO, "Device Name: %s", candidate->Name().c_str());
     Logging::Log(LOG_INFO, "Device Mac:  %s", candidate->Mac().c_str());
     Logging::Log(LOG_INFO, "Device RSSI: %d", static_cast<int>(candidate->Rssi()));

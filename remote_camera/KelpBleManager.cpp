@@ -5,6 +5,7 @@
 
 #include "logging/Log.h"
 #include "remote_camera/CameraProtocol.h"
+#include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
 #include "vocabulary/Vocabulary.h"
 
@@ -57,7 +58,7 @@ bool KelpBleManager::Subscribe(const std::shared_ptr<ScannedDevice::RemoteCamera
         if (!alive)
             return;
         // the document as it is now: a later answer must not show up in this one's emission
-        std::string json = camera->ToJson().dump();
+        std::string json = ScannedDevice::DumpJson(camera->ToJson());
         if (!alive->deliver) {
             alive->newData.emit(json);
             return;
@@ -110,7 +111,7 @@ bool KelpBleManager::ReadBleInfo(const std::shared_ptr<ScannedDevice::RemoteCame
     written = WriteCommand(mac, CameraProtocol::ReadPowerCommand()) && written;
     if (!written)
         return false;
-    json = device->ToJson().dump();
+    json = ScannedDevice::DumpJson(device->ToJson());
     return true;
 }
 

@@ -113,7 +113,9 @@ uint16_t DeviceBatteryStatus() {
     const bool has2 = SlotLevel(r.batteryType2, r.chargePercentage2, r.voltage2, level2);
     int32_t level = 0;
     if (has1 && has2) {
-        level = (level1 + level2 + 1) / 2;
+        // in 64 bits: the power daemon may send any int32, and the sum of two must not overflow; the
+        // average of two int32 values is one again, rounded as before
+        level = static_cast<int32_t>((int64_t{level1} + level2 + 1) / 2);
     } else if (has1) {
         level = level1;
     } else if (has2) {

@@ -9,6 +9,7 @@
 #include "backend/Scanner.h"
 #include "logging/Log.h"
 #include "remote_camera/KelpBleManager.h"
+#include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
 
 namespace {
@@ -127,7 +128,7 @@ bool CameraWorkers::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteC
             ReportFailure(*camera, expected);
     });
     Guarded("ConfigureRemoteCamera", [&] {
-        std::string json = camera->ToJson().dump();
+        std::string json = ScannedDevice::DumpJson(camera->ToJson());
         std::weak_ptr<CameraWorkers> weak = weak_from_this();
         if (queue)
             queue->Post([weak, success, json = std::move(json)] {

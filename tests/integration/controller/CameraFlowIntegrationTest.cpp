@@ -25,6 +25,7 @@
 #include "controller/CameraWorkers.h"
 #include "logging/Log.h"
 #include "remote_camera/KelpBleManager.h"
+#include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
 #include "vocabulary/Vocabulary.h"
 
@@ -242,6 +243,30 @@ TEST_F(CameraFlowIntegration, TheRefreshReadsEveryCameraAndLogsOneThatCannotBeRe
     // the first camera's answers reached the loop as new data
     ASSERT_TRUE(RunLoopUntil([&] { return newDataMacs.size() >= 3; }));
     EXPECT_EQ(std::count(newDataMacs.begin(), newDataMacs.end(), kFirst), 3);
+}
+
+TEST_F(CameraFlowIntegration, ACameraAnsweringInvalidUtf8IsConfiguredAndReadAndItsJsonStaysValid) {
+    const std::string path = AddCamera(kFirst, "KelpCam-1", {{"power", "Z"}, {"wifi", "R"}, {"band", "5.0"}});
+    // "RF" answered with the octets 46 C0 35 2E 52 0D (the simulation sends its text as Latin-1)
+    sim.SetCameraResponse(path, "RF\r",
+                          "F\xC3\x80"
+                          "5.R\r");
+    auto camera = Scanned(kFirst);
+    ASSERT_TRUE(camera);
+    controller->ConfigureRemoteCamera(camera);
+    ASSERT_TRUE(RunLoopUntil([&] { return !reports.empty(); }));
+    // valid UTF-8 (parse refuses anything else), with the bad octet replaced
+    const nlohmann::json document = nlohmann::json::parse(reports[0].json);
+    EXPECT_EQ(document.at("mac"), kFirst);
+
+    controller->StartBleInfoRefresh();
+    ASSERT_TRUE(RunLoopUntil([&] {
+        return controller->Workers()->Running() == 0 &&
+               std::count(newDataMacs.begin(), newDataMacs.end(), kFirst) >= 6;
+    }));
+    EXPECT_EQ(camera->WiFiFrequency(),
+              "\xC0"
+              "5.");
 }
 
 }  // namespace

@@ -297,6 +297,24 @@ TEST_F(Kelp, ReadBleInfoReportsTheStateBeforeTheAnswersArrive) {
     EXPECT_EQ(camera->BleVersion(), 7);
 }
 
+TEST_F(Kelp, ACameraAnsweringWithAnInvalidOctetIsStillReadAndAnnouncedAsValidText) {
+    ASSERT_TRUE(manager->Subscribe(camera));
+    // the Wi-Fi answer "F", 0xC0, "5.R\r": its frequency text is not UTF-8
+    radio->onWrite = [this](const GattWrite& write) {
+        if (write.value == "RF\r")
+            radio->Notify(TestSupport::GattBytes{0x46, 0xC0, 0x35, 0x2E, 0x52, 0x0D});
+    };
+    std::string json;
+    ASSERT_NO_THROW(EXPECT_TRUE(manager->ReadBleInfo(camera, json)));
+    const std::string replaced =
+        "\xEF\xBF\xBD"
+        "5.";
+    EXPECT_EQ(nlohmann::json::parse(json)["remote-cam-info"]["ble-info"]["wifiFrequency"], replaced);
+    const auto announced = NewData();
+    ASSERT_EQ(announced.size(), 1u);
+    EXPECT_EQ(nlohmann::json::parse(announced[0])["remote-cam-info"]["ble-info"]["wifiFrequency"], replaced);
+}
+
 TEST_F(Kelp, ReadBleInfoFailsWhenAnyWriteFailsButSendsAllThree) {
     radio->writeResults = {true, false, true};
     std::string json = "untouched";

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -315,4 +316,33 @@ TEST_F(ThisDeviceTest, ModelDeviceTypeWithoutIdentityIsZero) {
     TestSupport::ScopedIdentity id("", "", 0);
     EXPECT_EQ(TD::ModelDeviceType(), 0);
     EXPECT_EQ(TD::SerialNumber(), "");
+}
+
+// ---- numbers from the power daemon, whatever they are
+
+TEST_F(ThisDeviceTest, TheAverageOfTwoChargesCannotOverflow) {
+    TD::SetActivePowerSource(1);
+    TD::SetBatteryTypes(1, 1);
+    // (2147483647 + 1 + 1) / 2 overflowed a 32-bit sum
+    TD::SetBatteryChargePercentages(2147483647, 1);
+    EXPECT_EQ(TD::DeviceBatteryStatus(), 4);
+    TD::SetBatteryChargePercentages(2147483647, 2147483647);
+    EXPECT_EQ(TD::DeviceBatteryStatus(), 4);
+    TD::SetBatteryChargePercentages(INT32_MIN, INT32_MIN);
+    EXPECT_EQ(TD::DeviceBatteryStatus(), 0);
+}
+
+TEST_F(ThisDeviceTest, TheAverageRoundsAsItAlwaysDid) {
+    TD::SetActivePowerSource(1);
+    TD::SetBatteryTypes(1, 1);
+    // (a + b + 1) / 2, truncated toward zero: the thresholds 6, 21, 26 and 61 are met exactly
+    const struct {
+        int32_t first, second;
+        uint16_t status;
+    } cases[] = {{5, 6, 1},   {5, 5, 0},   {20, 21, 2}, {20, 20, 1}, {25, 26, 3},
+                 {60, 61, 4}, {60, 60, 3}, {-3, 0, 0},  {12, -1, 1}, {-12, 24, 1}};
+    for (const auto& c : cases) {
+        TD::SetBatteryChargePercentages(c.first, c.second);
+        EXPECT_EQ(TD::DeviceBatteryStatus(), c.status) << c.first << ", " << c.second;
+    }
 }

@@ -1,0 +1,60 @@
+// Records built from outside data leave the daemon as text without ever throwing.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "remote_camera/CameraProtocol.h"
+#include "scanned_device/Json.h"
+#include "scanned_device/RemoteCamera.h"
+
+namespace {
+
+const std::string kReplacement = "\xEF\xBF\xBD";  // U+FFFD
+
+// A camera whose Wi-Fi answer carried an octet that is not UTF-8: "F", 0xC0, "5.R\r".
+ScannedDevice::RemoteCamera& WithBadFrequency(ScannedDevice::RemoteCamera& camera) {
+    const std::vector<uint8_t> answer{0x46, 0xC0, 0x35, 0x2E, 0x52, 0x0D};
+    CameraProtocol::OnNotification(camera, answer);
+    return camera;
+}
+
+}  // namespace
+
+TEST(DumpJson, AnInvalidOctetFromACameraIsReplacedWhereAPlainDumpThrows) {
+    ScannedDevice::RemoteCamera camera;
+    WithBadFrequency(camera);
+    ASSERT_EQ(camera.WiFiFrequency(),
+              "\xC0"
+              "5.");
+    // the hazard: nlohmann's own dump refuses the record
+    EXPECT_THROW((void)camera.ToJson().dump(), nlohmann::json::type_error);
+
+    std::string text;
+    ASSERT_NO_THROW(text = ScannedDevice::DumpJson(camera.ToJson()));
+    // parse() accepts valid UTF-8 only
+    const nlohmann::json back = nlohmann::json::parse(text);
+    EXPECT_EQ(back["remote-cam-info"]["ble-info"]["wifiFrequency"], kReplacement + "5.");
+    EXPECT_EQ(back["remote-cam-info"]["ble-info"]["wifiStatus"]["string"], "Ready");
+}
+
+TEST(DumpJson, ValidNonAsciiStaysUnescapedAndTheTextIsCompact) {
+    ScannedDevice::Base device;
+    device.SetName("Caméra Süd");
+    const std::string text = ScannedDevice::DumpJson(device.ToJson());
+    EXPECT_NE(text.find("\"name\":\"Caméra Süd\""), std::string::npos) << text;
+    EXPECT_EQ(text.find("\\u"), std::string::npos);
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    EXPECT_EQ(text.find(": "), std::string::npos);
+}
+
+TEST(DumpJson, NamesAndPayloadTextsFromTheAirAreOutsideDataToo) {
+    ScannedDevice::RemoteCamera camera;
+    camera.SetName(std::string("Kelp\xFF\xFE", 6));
+    camera.SetText(std::string("SS\x80ID", 5));
+    const nlohmann::json back = nlohmann::json::parse(ScannedDevice::DumpJson(camera.ToJson()));
+    EXPECT_EQ(back["name"], "Kelp" + kReplacement + kReplacement);
+    EXPECT_EQ(back["remote-cam-info"]["ssid"], "SS" + kReplacement + "ID");
+}
