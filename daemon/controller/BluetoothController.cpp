@@ -125,18 +125,6 @@ BluetoothController::~BluetoothController() {
         Logging::Log(LOG_WARNING, "%d camera worker(s) still running at exit", cameraWorkers->Running());
 }
 
-std::mutex& BluetoothController::ScanLock() {
-    return cameraWorkers->ScanLock();
-}
-
-void BluetoothController::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera) {
-    cameraWorkers->StartConfiguration(std::move(camera));
-}
-
-void BluetoothController::StartBleInfoRefresh() {
-    cameraWorkers->StartBleInfoRefresh();
-}
-
 void BluetoothController::ReadSettings() {
     using namespace BluetoothSettings;
     scanResponseVersion = hooks.readNumberSetting(AdvertSchema, DefaultAdvertSchema);

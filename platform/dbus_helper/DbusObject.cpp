@@ -105,6 +105,29 @@ int DbusObject::SetTrampoline(sd_bus* bus, const char* path, const char* interfa
     });
 }
 
+int DbusObject::AppendProperties(sd_bus_message* reply, sd_bus_error* error) {
+    int r = sd_bus_message_open_container(reply, 'a', "{sv}");
+    for (const auto& entry : registered) {
+        if (r < 0)
+            return r;
+        if (entry.type != _SD_BUS_VTABLE_PROPERTY && entry.type != _SD_BUS_VTABLE_WRITABLE_PROPERTY)
+            continue;
+        const char* name = entry.x.property.member;
+        r = sd_bus_message_open_container(reply, 'e', "sv");
+        if (r >= 0)
+            r = sd_bus_message_append_basic(reply, 's', name);
+        if (r >= 0)
+            r = sd_bus_message_open_container(reply, 'v', entry.x.property.signature);
+        if (r >= 0)
+            r = GetTrampoline(bus.get(), path.c_str(), interface.c_str(), name, reply, this, error);
+        if (r >= 0)
+            r = sd_bus_message_close_container(reply);
+        if (r >= 0)
+            r = sd_bus_message_close_container(reply);
+    }
+    return r < 0 ? r : sd_bus_message_close_container(reply);
+}
+
 bool DbusObject::IsBusThread() const {
     return bus == nullptr || std::this_thread::get_id() == busThread;
 }

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "logging/Log.h"
+#include "loop/CBoundary.h"
 #include "loop/Queue.h"
 
 namespace DbusHelper {
@@ -70,6 +71,70 @@ int DbusServer::AddObject(std::shared_ptr<DbusObject> object) {
     return r;
 }
 
+int DbusServer::ReportRootInManagedObjects() {
+    if (bus == nullptr)
+        return -ENOTCONN;
+    sd_bus_slot* slot = nullptr;
+    int r = sd_bus_add_object_manager(bus.get(), &slot, "/");
+    if (r < 0)
+        return r;
+    topObjectManager.reset(slot);
+    slot = nullptr;
+    // runs before sd-bus's own handling of the path, which would answer with its children only
+    r = sd_bus_add_object(bus.get(), &slot, objectPath.c_str(), &DbusServer::OnRootCall, this);
+    if (r < 0) {
+        topObjectManager.reset();
+        return r;
+    }
+    rootCalls.reset(slot);
+    return 0;
+}
+
+int DbusServer::OnRootCall(sd_bus_message* m, void* userdata, sd_bus_error* error) {
+    if (!sd_bus_message_is_method_call(m, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects"))
+        return 0;  // everything else: sd-bus as usual
+    auto* self = static_cast<DbusServer*>(userdata);
+    return CBoundary::Call("GetManagedObjects", [&] { return self->ReplyManagedObjects(m, error); });
+}
+
+int DbusServer::ReplyManagedObjects(sd_bus_message* m, sd_bus_error* error) {
+    sd_bus_message* created = nullptr;
+    int r = sd_bus_message_new_method_return(m, &created);
+    if (r < 0)
+        return r;
+    Message reply(created);
+    r = sd_bus_message_open_container(created, 'a', "{oa{sa{sv}}}");
+    if (r >= 0)
+        r = sd_bus_message_open_container(created, 'e', "oa{sa{sv}}");
+    if (r >= 0)
+        r = sd_bus_message_append_basic(created, 'o', objectPath.c_str());
+    if (r >= 0)
+        r = sd_bus_message_open_container(created, 'a', "{sa{sv}}");
+    // the standard interfaces, as sd-bus lists them for an object with a manager
+    for (const char* standard : {"org.freedesktop.DBus.Peer", "org.freedesktop.DBus.Introspectable",
+                                 "org.freedesktop.DBus.Properties", "org.freedesktop.DBus.ObjectManager"}) {
+        if (r >= 0)
+            r = sd_bus_message_append(created, "{sa{sv}}", standard, 0);
+    }
+    for (const auto& object : objects) {
+        if (r < 0 || object->Path() != objectPath)
+            continue;
+        r = sd_bus_message_open_container(created, 'e', "sa{sv}");
+        if (r >= 0)
+            r = sd_bus_message_append_basic(created, 's', object->Interface().c_str());
+        if (r >= 0)
+            r = object->AppendProperties(created, error);
+        if (r >= 0)
+            r = sd_bus_message_close_container(created);
+    }
+    for (int level = 0; level < 3 && r >= 0; ++level)
+        r = sd_bus_message_close_container(created);
+    if (r < 0)
+        return r;
+    r = sd_bus_send(nullptr, created, nullptr);
+    return r < 0 ? r : 1;
+}
+
 void DbusServer::RunOnBusThread(std::function<void()> task) {
     if (queue == nullptr || std::this_thread::get_id() == busThread) {
         task();
@@ -82,6 +147,8 @@ void DbusServer::Release() {
     for (auto& object : objects)
         object->Detach();
     objects.clear();
+    rootCalls.reset();
+    topObjectManager.reset();
     objectManager.reset();
     queue.reset();
     if (bus != nullptr) {

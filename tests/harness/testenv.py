@@ -105,9 +105,9 @@ class TestEnv:
         with open(conf, 'w') as f:
             f.write(text)
         r, w = os.pipe()
-        p = subprocess.Popen(['dbus-daemon', f'--config-file={conf}', '--nofork', f'--print-address={w}'],
-                             pass_fds=(w,), stdin=subprocess.DEVNULL,
-                             stderr=open(self.path('logs', f'dbus-{kind}.err'), 'wb'), start_new_session=True)
+        with open(self.path('logs', f'dbus-{kind}.err'), 'wb') as log:
+            p = subprocess.Popen(['dbus-daemon', f'--config-file={conf}', '--nofork', f'--print-address={w}'],
+                                 pass_fds=(w,), stdin=subprocess.DEVNULL, stderr=log, start_new_session=True)
         os.close(w)
         self.buses[kind] = p
         return r

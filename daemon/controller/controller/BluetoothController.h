@@ -144,6 +144,9 @@ class BluetoothController {
     // reaches the camera manager's NewData(). Both on detached threads; both return at once.
     void ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera);
     void StartBleInfoRefresh();
+    // The first device of the scanner's list as it is now that is of the remote-camera kind and has
+    // exactly this address (whatever model its payload names); null when there is none.
+    std::shared_ptr<ScannedDevice::RemoteCamera> FindRemoteCamera(const std::string& address) const;
 
     // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
     std::mutex& ScanLock();

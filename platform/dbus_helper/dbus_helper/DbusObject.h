@@ -52,6 +52,10 @@ class DbusObject {
     // sd_bus_emit_properties_changed for these properties of this interface. Bus thread only.
     int EmitPropertiesChanged(const std::vector<std::string>& names);
 
+    // Appends this interface's properties as an a{sv} (each read through its getter, as a Get would);
+    // for answers that sd-bus does not build itself. Bus thread only.
+    int AppendProperties(sd_bus_message* reply, sd_bus_error* error);
+
     // True on the bus thread (and, before registration, on any thread: there is no bus to race).
     bool IsBusThread() const;
     // Runs `task` now when called on the bus thread (or before registration), otherwise hands it to the

@@ -48,6 +48,12 @@ class DbusServer {
     // that is registered already, -EINVAL for a table without start or end entry.
     int AddObject(std::shared_ptr<DbusObject> object);
 
+    // sd-bus's object manager reports only the objects below its path, so a service that lives on its
+    // root path alone would report nothing. After Start(): answers GetManagedObjects on the root path
+    // with the root's own interfaces and properties, and installs a manager on "/" (where generic
+    // clients ask), which reports the root path. 0 or a negative errno.
+    int ReportRootInManagedObjects();
+
     // Null before Start().
     sd_bus* Bus() const { return bus.get(); }
     bool IsStarted() const { return bus != nullptr; }
@@ -59,6 +65,8 @@ class DbusServer {
 
   private:
     void Release();
+    static int OnRootCall(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    int ReplyManagedObjects(sd_bus_message* m, sd_bus_error* error);
 
     std::string serviceName;
     std::string objectPath;
@@ -69,6 +77,8 @@ class DbusServer {
 
     DbusHelper::Bus bus;
     Slot objectManager;
+    Slot topObjectManager;
+    Slot rootCalls;
     std::thread::id busThread;
     std::shared_ptr<Loop::Queue> queue;
     std::vector<std::shared_ptr<DbusObject>> objects;

@@ -10,89 +10,15 @@ import unittest
 import dbus
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
-from daemon_process import DaemonProcess  # noqa: E402
+from unit import ADAPTER, Unit, ip_value, scan_responses, wait_until  # noqa: E402
 
 INFO, ERR = 6, 3
-MOCK = 'org.freedesktop.DBus.Mock'
-ADAPTER = '/org/bluez/hci0'
 SETTINGS = ('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth')
 NETWORK = ('com.quorbel.Network1', '/com/quorbel/Network1')
 POWER = ('com.quorbel.common.Pylon1', '/com/quorbel/common/Pylon1/power')
 UNITCTL = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', '..', 'sim', 'unitctl')
 REBOOT = 'Error when scanning for devices... rebooting radio'
 PARAMETERS = 'hcitool -i hci0 cmd 08 0006 00 08 00 08 03 00 00 00 00 00 00 00 00 07 00'
-
-
-def scan_responses(env):
-    '''The manufacturer payloads of every scan-response command sent, oldest first, as octet lists
-    starting after the company identifier: [type lo, type hi, version, battery, ip x4, text...].'''
-    found = []
-    for call in env.hci_calls():
-        words = call.split()
-        if words[:6] != ['hcitool', '-i', 'hci0', 'cmd', '08', '0009']:
-            continue
-        octets = [int(w, 16) for w in words[6:]]
-        start = octets.index(0xFF) + 3  # length, AD length, 0xff, then f3 05
-        assert octets[start - 2:start] == [0xF3, 0x05], call
-        found.append(octets[start:])
-    return found
-
-
-def ip_value(octets):
-    return int.from_bytes(bytes(octets[4:8]), 'big')
-
-
-def wait_until(condition, timeout, step=0.05):
-    end = time.monotonic() + timeout
-    while time.monotonic() < end:
-        if condition():
-            return True
-        time.sleep(step)
-    return condition()
-
-
-class Unit:
-    '''A unit with the daemon started in it, and the buses to drive its peers.'''
-
-    def __init__(self, case, settings=None, **env_args):
-        params = env_args.pop('params', {})
-        if settings:
-            params = dict(params, settings=settings)
-        self.env = TestEnv(sandbox=True, params=params, **env_args)
-        self.case = case
-
-    def __enter__(self):
-        self.env.__enter__()
-        self.system = dbus.bus.BusConnection(self.env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
-        self.user = dbus.bus.BusConnection(self.env.environ['DBUS_SESSION_BUS_ADDRESS'])
-        return self
-
-    def start(self):
-        self.daemon = DaemonProcess(self.env)
-        self.case.assertIsNotNone(self.daemon.notify.wait_for('READY=1', timeout=20), self.daemon.texts())
-        return self.daemon
-
-    def __exit__(self, *exc):
-        try:
-            if getattr(self, 'daemon', None) is not None:
-                status = self.daemon.stop()
-                self.case.assertEqual(status, 0, self.daemon.texts())
-        finally:
-            self.system.close()
-            self.user.close()
-            self.env.__exit__(*exc)
-
-    def set_prop(self, service, path, name, value):
-        self.user.get_object(service, path).SetProp(name, value, dbus_interface=MOCK)
-
-    def adapter_calls(self, method):
-        return [c for c in self.system.get_object('org.bluez', ADAPTER).GetMethodCalls(method, dbus_interface=MOCK)]
-
-    def powered_sets(self):
-        '''The values the daemon gave the adapter's Powered, in order.'''
-        sets = self.adapter_calls('Set')
-        return [bool(args[2]) for _, args in sets if str(args[1]) == 'Powered']
 
 
 class Controller(unittest.TestCase):

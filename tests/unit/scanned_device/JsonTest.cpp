@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -57,4 +58,23 @@ TEST(DumpJson, NamesAndPayloadTextsFromTheAirAreOutsideDataToo) {
     const nlohmann::json back = nlohmann::json::parse(ScannedDevice::DumpJson(camera.ToJson()));
     EXPECT_EQ(back["name"], "Kelp" + kReplacement + kReplacement);
     EXPECT_EQ(back["remote-cam-info"]["ssid"], "SS" + kReplacement + "ID");
+}
+
+TEST(DevicesJson, AnArrayOfEveryDocumentInOrderAndEmptyAsBrackets) {
+    EXPECT_EQ(ScannedDevice::DevicesJson({}), "[]");
+    EXPECT_EQ(ScannedDevice::RemoteCamerasJson({}), "[]");
+    auto phone = std::make_shared<ScannedDevice::Base>();
+    phone->SetName("Phone");
+    phone->SetMac("AA:00:00:00:00:01");
+    auto camera = std::make_shared<ScannedDevice::RemoteCamera>();
+    camera->SetName("Kelp");
+    camera->SetMac("AA:00:00:00:00:02");
+    const std::vector<std::shared_ptr<ScannedDevice::Base>> devices{camera, phone};
+
+    EXPECT_EQ(ScannedDevice::DevicesJson(devices), "[" + ScannedDevice::DumpJson(camera->ToJson()) + "," +
+                                                       ScannedDevice::DumpJson(phone->ToJson()) + "]");
+    EXPECT_EQ(ScannedDevice::RemoteCamerasJson(devices),
+              "[" + ScannedDevice::DumpJson(camera->ToJson()) + "]");
+    // no camera among them
+    EXPECT_EQ(ScannedDevice::RemoteCamerasJson({phone}), "[]");
 }

@@ -1,8 +1,8 @@
 // Rebuilding the scan response and putting it on air.
 #include <string>
 
-#include "ControllerFixture.h"
 #include "scan_response/ScanResponse.h"
+#include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "ControllerFixture.h"
+#include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
 

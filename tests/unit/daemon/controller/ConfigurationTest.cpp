@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "ControllerFixture.h"
 #include "scan_response/ScanResponse.h"
+#include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
 using Journal = ControllerTest::Journal;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ControllerFixture.h"
+#include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
 namespace ThisDevice = ScanResponse::Utils::ThisDevice;

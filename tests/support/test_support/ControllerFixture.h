@@ -29,6 +29,9 @@ class ControllerFixture : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_GE(sd_event_new(&loop), 0);
+        // an hour past the real clock: a period the fake clock arms never comes due while a test runs
+        // the loop, however long the machine has been up
+        nowUsec = SystemControllerHooks().monotonicNowUsec() + 3'600'000'000ULL;
         ScanResponse::Utils::ThisDevice::ResetForTests();
         radio->journal = journal;
         scanner->journal = journal;
@@ -145,7 +148,7 @@ class ControllerFixture : public ::testing::Test {
     std::function<void(std::chrono::milliseconds)> onSleep;
 
     // The clock the auto-scan period re-arms from, unless realClock.
-    uint64_t nowUsec = 5'000'000'000ULL;
+    uint64_t nowUsec = 0;
     bool realClock = false;
 
     std::unique_ptr<BluetoothController> controller;

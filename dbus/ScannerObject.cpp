@@ -1,0 +1,157 @@
+#include "dbus/ScannerObject.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cstdint>
+#include <mutex>
+#include <utility>
+
+#include "backend/Scanner.h"
+#include "controller/BluetoothController.h"
+#include "dbus/Names.h"
+#include "dbus_helper/Vtable.h"
+#include "logging/Log.h"
+#include "loop/CBoundary.h"
+#include "remote_camera/KelpBleManager.h"
+#include "scanned_device/Json.h"
+
+namespace BluetoothDbusObject {
+
+namespace {
+
+std::shared_ptr<BluetoothController> ControllerOf(void* userdata) {
+    return DbusHelper::DbusObject::FromUserdata<Scanner>(userdata)->Controller();
+}
+
+int GetAutoScan(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
+                sd_bus_error*) {
+    const int value = ControllerOf(userdata)->GetAutoScanEnabled() ? 1 : 0;
+    return sd_bus_message_append_basic(reply, 'b', &value);
+}
+
+int SetAutoScan(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void* userdata,
+                sd_bus_error*) {
+    int on = 0;
+    const int r = sd_bus_message_read_basic(value, 'b', &on);
+    if (r < 0)
+        return r;
+    ControllerOf(userdata)->SetAutoScanEnabled(on != 0);
+    return r;
+}
+
+int GetAutoScanRateSecs(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
+                        sd_bus_error*) {
+    const auto seconds = static_cast<int32_t>(ControllerOf(userdata)->GetAutoScanRateSecs());
+    return sd_bus_message_append_basic(reply, 'i', &seconds);
+}
+
+int SetAutoScanRateSecs(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void* userdata,
+                        sd_bus_error*) {
+    int32_t seconds = 0;
+    const int r = sd_bus_message_read_basic(value, 'i', &seconds);
+    if (r < 0)
+        return r;
+    // stored as sent, zero and negative values too; the running timer keeps its time
+    ControllerOf(userdata)->SetAutoScanRateSecs(static_cast<uint32_t>(seconds));
+    return r;
+}
+
+Backend::Scanner::DeviceList DevicesOf(const BluetoothController& controller) {
+    return controller.Scanner() ? controller.Scanner()->Devices() : Backend::Scanner::DeviceList{};
+}
+
+int GetScannedDevices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
+                      sd_bus_error*) {
+    const std::string json = ScannedDevice::DevicesJson(DevicesOf(*ControllerOf(userdata)));
+    return sd_bus_message_append_basic(reply, 's', json.c_str());
+}
+
+int GetRemoteCameras(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
+                     sd_bus_error*) {
+    const std::string json = ScannedDevice::RemoteCamerasJson(DevicesOf(*ControllerOf(userdata)));
+    return sd_bus_message_append_basic(reply, 's', json.c_str());
+}
+
+int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    const std::shared_ptr<BluetoothController> controller = ControllerOf(userdata);
+    const bool autoScan = controller->GetAutoScanEnabled();
+    const bool advertising = controller->GetAdvertisingEnabled();
+    if (autoScan)
+        controller->SetAutoScanEnabled(false);
+    if (advertising)
+        controller->SetAdvertisingEnabled(false);
+    {
+        // a camera's GATT exchange holds the radio: then the list is answered as it stands
+        std::unique_lock<std::mutex> lock(controller->ScanLock(), std::try_to_lock);
+        if (!lock.owns_lock())
+            Logging::Log(LOG_INFO, "Scan: a remote camera is being read, answering with the devices known");
+        else if (controller->Scanner())
+            // a pass that throws (a hostile payload nearby) is abandoned; the flags still come back
+            (void)CBoundary::Call("Scan", [&] { return controller->Scanner()->Scan(); });
+    }
+    const Backend::Scanner::DeviceList devices = DevicesOf(*controller);
+    if (autoScan)
+        controller->SetAutoScanEnabled(true);
+    if (advertising)
+        controller->SetAdvertisingEnabled(true);
+    return sd_bus_reply_method_return(m, "s", ScannedDevice::DevicesJson(devices).c_str());
+}
+
+int ReadKelpBle(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    ControllerOf(userdata)->StartBleInfoRefresh();
+    return sd_bus_reply_method_return(m, "");
+}
+
+}  // namespace
+
+Scanner::Scanner(std::shared_ptr<BluetoothController> owner)
+    : DbusObject(BluetoothDbus::kObjectPath, BluetoothDbus::kScannerInterface), controller(std::move(owner)) {
+    // all three fire on the loop thread: scan passes run there, and the controller hands the camera
+    // manager's data over to it
+    if (controller->Scanner())
+        connections.push_back(controller->Scanner()->NewRemoteCamera().connect(
+            sigc::mem_fun(*this, &Scanner::DiscoveredRemoteCamera)));
+    if (controller->CameraManager())
+        connections.push_back(
+            controller->CameraManager()->NewData().connect(sigc::mem_fun(*this, &Scanner::NewKelpBleData)));
+    connections.push_back(
+        controller->RemoteCamerasChanged().connect(sigc::mem_fun(*this, &Scanner::RemoteCamerasChanged)));
+
+    using namespace sdbus_utils::vtable;
+    constexpr uint64_t kEmitsChange = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+    AddStart(Vtable());
+    AddProperty(Vtable(), "AutoScan", "b", &GetAutoScan, &SetAutoScan, kEmitsChange);
+    AddProperty(Vtable(), "AutoScanRateSecs", "i", &GetAutoScanRateSecs, &SetAutoScanRateSecs, kEmitsChange);
+    AddPropertyReadOnly(Vtable(), "ScannedDevices", "s", &GetScannedDevices, kEmitsChange);
+    AddPropertyReadOnly(Vtable(), "RemoteCameras", "s", &GetRemoteCameras, kEmitsChange);
+    AddVtableMethod(Vtable(), "Scan", "", "s", &Scan, SD_BUS_VTABLE_UNPRIVILEGED);
+    AddVtableMethod(Vtable(), "ReadKelpBle", "", "", &ReadKelpBle, SD_BUS_VTABLE_UNPRIVILEGED);
+    AddSignal(Vtable(), "DiscoveredRemoteCamera", "s");
+    AddSignal(Vtable(), "NewKelpBleData", "s");
+    AddEnd(Vtable());
+}
+
+Scanner::~Scanner() {
+    for (auto& connection : connections)
+        connection.disconnect();
+}
+
+void Scanner::DiscoveredRemoteCamera(const std::string& json) {
+    (void)EmitSignal("DiscoveredRemoteCamera", "s", json.c_str());
+}
+
+void Scanner::NewKelpBleData(const std::string& json) {
+    (void)EmitSignal("NewKelpBleData", "s", json.c_str());
+}
+
+int Scanner::EmitRemoteCamerasChanged() {
+    return EmitPropertiesChanged({"RemoteCameras"});
+}
+
+void Scanner::RemoteCamerasChanged() {
+    // 0 counts as a failure too, deliberately strict
+    if (EmitRemoteCamerasChanged() <= 0)
+        Logging::Log(LOG_ERR, "[SCANNER] failed to emit RemoteCams");
+}
+
+}  // namespace BluetoothDbusObject

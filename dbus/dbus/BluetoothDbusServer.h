@@ -1,0 +1,35 @@
+#pragma once
+// The daemon on the bus: "com.quorbel.common.Bluetooth1" on the user bus, where the unit's programs
+// live, with an object manager and the Radio, Advert and Scanner interfaces on one path. Everything the
+// interfaces do is the controller's.
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <memory>
+#include <vector>
+
+#include "dbus_helper/DbusObject.h"
+#include "dbus_helper/DbusServer.h"
+
+class BluetoothController;
+
+class BluetoothDbusServer : public DbusHelper::DbusServer {
+  public:
+    // Touches no bus: Run() does.
+    BluetoothDbusServer(std::shared_ptr<BluetoothController> controller, sd_event* loop);
+    ~BluetoothDbusServer() override;
+
+    // Takes the name, installs the object manager and adds Radio, Advert and Scanner, in that order. 0;
+    // -1 when the bus or the name cannot be had; the object manager's negative error when it cannot be
+    // installed (no interface is added then).
+    int Run();
+
+  protected:
+    // sd_bus_add_object_manager on the bus for `path`, kept for the bus's lifetime; tests replace it.
+    virtual int AddObjectManager(sd_bus* bus, const char* path);
+
+  private:
+    std::shared_ptr<BluetoothController> controller;
+    std::vector<std::shared_ptr<DbusHelper::DbusObject>> objects;
+};
