@@ -25,4 +25,12 @@ void BringUpService(sd_event* loop) {
         Logging::Log(LOG_ERR, "Bluetooth Controller failed to initialise, disabling dbus interface");
 }
 
+const std::shared_ptr<BluetoothController>& ServiceController() {
+    return g_controller;
+}
+
+const std::shared_ptr<BluetoothDbusServer>& ServiceServer() {
+    return g_server;
+}
+
 }  // namespace Daemon

@@ -469,9 +469,16 @@ class HostileClients(unittest.TestCase):
                     unit.call(iface, method, *args, signature=signature)
                 self.assertEqual(raised.exception.get_dbus_name(), 'org.freedesktop.DBus.Error.InvalidArgs')
                 self.assertTrue(unit.still_serving(), method)
-            for iface, member in ((RADIO, 'Unknown'), ('com.quorbel.common.Bluetooth1.Nothing', 'Scan')):
-                with self.assertRaises(dbus.exceptions.DBusException):
-                    unit.call(iface, member)
+            # signals are not methods, whatever a client sends them
+            for iface, member in ((RADIO, 'ConfiguredKelpBle'), (SCANNER, 'DiscoveredRemoteCamera'),
+                                  (SCANNER, 'NewKelpBleData'), (RADIO, 'Unknown'),
+                                  ('com.quorbel.common.Bluetooth1.Nothing', 'Scan')):
+                for args, signature in (((), ''), ((big,), 's'), (((True, big),), '(bs)')):
+                    with self.assertRaises(dbus.exceptions.DBusException, msg=member) as raised:
+                        unit.call(iface, member, *args, signature=signature)
+                    self.assertIn(raised.exception.get_dbus_name(),
+                                  ('org.freedesktop.DBus.Error.UnknownMethod',
+                                   'org.freedesktop.DBus.Error.UnknownInterface'), member)
             self.assertTrue(unit.still_serving())
             self.assertIsNone(daemon.proc.poll())
 
