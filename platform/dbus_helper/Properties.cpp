@@ -1,9 +1,12 @@
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <unordered_map>
 
 #include "dbus_helper/Call.h"
 #include "dbus_helper/SdbusUtils.h"
+#include "logging/Log.h"
 
 namespace sdbus_utils {
 
@@ -29,12 +32,52 @@ void AddScalarAndArray(std::unordered_map<std::string, AnyReader>& readers, cons
     readers.emplace("a" + signature, &ReadAny<std::vector<T>>);
 }
 
+// "ao" and "ag" as std::vector<std::string>. The string-array codec enters its array as "as", which
+// sd-bus refuses for the other two (even empty): each is read with its own element type.
+template <char Element>
+int ReadTextArray(sd_bus_message* m, std::any& out) {
+    const char element[] = {Element, '\0'};
+    int r = sd_bus_message_enter_container(m, 'a', element);
+    if (r <= 0)
+        return r < 0 ? r : -ENXIO;
+    std::vector<std::string> items;
+    const char* text = nullptr;
+    while ((r = sd_bus_message_read_basic(m, Element, &text)) > 0)
+        items.emplace_back(text != nullptr ? text : "");
+    if (r < 0)
+        return r;
+    r = sd_bus_message_exit_container(m);
+    if (r < 0)
+        return r;
+    out = std::move(items);
+    return 0;
+}
+
+template <char Element>
+void AddTextScalarAndArray(std::unordered_map<std::string, AnyReader>& readers) {
+    readers.emplace(std::string(1, Element), &ReadAny<std::string>);
+    readers.emplace(std::string("a") + Element, &ReadTextArray<Element>);
+}
+
+// Once per property name and type for the process: a peer that keeps sending a property of a type this
+// daemon does not read is told about once, not on every change.
+void LogSkippedOnce(const char* key, const std::string& signature) {
+    static std::mutex mutex;
+    static std::set<std::string> logged;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!logged.insert(std::string(key) + '\n' + signature).second)
+            return;
+    }
+    Logging::Log(LOG_WARNING, "Skipping property %s of unexpected type %s", key, signature.c_str());
+}
+
 const std::unordered_map<std::string, AnyReader>& Readers() {
     static const std::unordered_map<std::string, AnyReader> readers = [] {
         std::unordered_map<std::string, AnyReader> r;
         AddScalarAndArray<std::string>(r, "s");
-        AddScalarAndArray<std::string>(r, "o");
-        AddScalarAndArray<std::string>(r, "g");
+        AddTextScalarAndArray<'o'>(r);
+        AddTextScalarAndArray<'g'>(r);
         AddScalarAndArray<bool>(r, "b");
         AddScalarAndArray<uint8_t>(r, "y");
         AddScalarAndArray<int16_t>(r, "n");
@@ -75,6 +118,7 @@ int ForEachProperty(sd_bus_message* message, Each&& each) {
             return -EBADMSG;
         const auto reader = readers.find(contents);
         if (reader == readers.end()) {
+            LogSkippedOnce(key != nullptr ? key : "", contents);
             r = sd_bus_message_skip(message, "v");
             if (r < 0)
                 return r;

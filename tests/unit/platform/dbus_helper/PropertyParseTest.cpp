@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "dbus_helper/SdbusUtils.h"
+#include "logging/Log.h"
 #include "test_support/BusPair.h"
 
 using DbusHelperTest::MessageFactory;
@@ -278,4 +279,102 @@ TEST(ErrorText, PrefersTheDbusMessageThenTheErrno) {
     EXPECT_EQ(sdbus_utils::ErrorText(&e, -EIO), "nope, not here");
     sd_bus_error_free(&e);
     EXPECT_EQ(sdbus_utils::ErrorText(nullptr, -ECONNREFUSED), "Connection refused");
+}
+
+TEST(ParsePropertiesWithType, EmptyObjectPathAndSignatureArraysAreReadNotFatal) {
+    MessageFactory factory;
+    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "Before", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 7u); });
+        Entry(m, "Paths", "ao", [](sd_bus_message* m) { sd_bus_message_append(m, "ao", 0); });
+        Entry(m, "Signatures", "ag", [](sd_bus_message* m) { sd_bus_message_append(m, "ag", 0); });
+        Entry(m, "After", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "kept"); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    TypedPropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.size(), 4u);
+    EXPECT_TRUE(Get<std::vector<std::string>>(map, "Paths", "ao").empty());
+    EXPECT_TRUE(Get<std::vector<std::string>>(map, "Signatures", "ag").empty());
+    EXPECT_EQ(Get<uint32_t>(map, "Before", "u"), 7u);
+    EXPECT_EQ(Get<std::string>(map, "After", "s"), "kept");
+    sd_bus_message_unref(m);
+}
+
+// Every type the parsers read, each array empty and not, and one type they do not read among them.
+TEST(ParsePropertiesWithType, EveryRegisteredTypeEmptyAndNotBesideAnUnexpectedOne) {
+    MessageFactory factory;
+    const uint8_t bytes[] = {1, 2};
+    sd_bus_message* m = Changed(factory, [&](sd_bus_message* m) {
+        Entry(m, "s", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "text"); });
+        Entry(m, "o", "o", [](sd_bus_message* m) { sd_bus_message_append(m, "o", "/a/b"); });
+        Entry(m, "g", "g", [](sd_bus_message* m) { sd_bus_message_append(m, "g", "a{sv}"); });
+        Entry(m, "b", "b", [](sd_bus_message* m) { sd_bus_message_append(m, "b", 1); });
+        Entry(m, "y", "y", [](sd_bus_message* m) { sd_bus_message_append(m, "y", 200); });
+        Entry(m, "n", "n", [](sd_bus_message* m) { sd_bus_message_append(m, "n", -3); });
+        Entry(m, "q", "q", [](sd_bus_message* m) { sd_bus_message_append(m, "q", 65535); });
+        Entry(m, "i", "i", [](sd_bus_message* m) { sd_bus_message_append(m, "i", -70000); });
+        Entry(m, "u", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 70000u); });
+        Entry(m, "x", "x", [](sd_bus_message* m) { sd_bus_message_append(m, "x", int64_t{-5000000000}); });
+        Entry(m, "t", "t", [](sd_bus_message* m) { sd_bus_message_append(m, "t", uint64_t{5000000000}); });
+        Entry(m, "d", "d", [](sd_bus_message* m) { sd_bus_message_append(m, "d", 2.5); });
+        Entry(m, "unexpected", "a{ss}",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "a{ss}", 1, "k", "v"); });
+        Entry(m, "as", "as", [](sd_bus_message* m) { sd_bus_message_append(m, "as", 2, "x", "y"); });
+        Entry(m, "ao", "ao", [](sd_bus_message* m) { sd_bus_message_append(m, "ao", 2, "/x", "/y"); });
+        Entry(m, "ag", "ag", [](sd_bus_message* m) { sd_bus_message_append(m, "ag", 1, "i"); });
+        Entry(m, "ab", "ab", [](sd_bus_message* m) { sd_bus_message_append(m, "ab", 2, 1, 0); });
+        Entry(m, "ay", "ay",
+              [&](sd_bus_message* m) { sd_bus_message_append_array(m, 'y', bytes, sizeof bytes); });
+        Entry(m, "an", "an", [](sd_bus_message* m) { sd_bus_message_append(m, "an", 1, -1); });
+        Entry(m, "aq", "aq", [](sd_bus_message* m) { sd_bus_message_append(m, "aq", 1, 1); });
+        Entry(m, "ai", "ai", [](sd_bus_message* m) { sd_bus_message_append(m, "ai", 1, -1); });
+        Entry(m, "au", "au", [](sd_bus_message* m) { sd_bus_message_append(m, "au", 1, 1u); });
+        Entry(m, "ax", "ax", [](sd_bus_message* m) { sd_bus_message_append(m, "ax", 1, int64_t{-1}); });
+        Entry(m, "at", "at", [](sd_bus_message* m) { sd_bus_message_append(m, "at", 1, uint64_t{1}); });
+        Entry(m, "ad", "ad", [](sd_bus_message* m) { sd_bus_message_append(m, "ad", 1, 0.5); });
+        Entry(m, "a(siib)", "a(siib)",
+              [](sd_bus_message* m) { sd_bus_message_append(m, "a(siib)", 1, "ap", 1, -50, 1); });
+        for (const char* empty :
+             {"as", "ao", "ag", "ab", "ay", "an", "aq", "ai", "au", "ax", "at", "ad", "a(siib)"}) {
+            const std::string key = std::string("empty ") + empty;
+            Entry(m, key.c_str(), empty, [empty](sd_bus_message* m) {
+                ASSERT_GE(sd_bus_message_open_container(m, 'a', empty + 1), 0);
+                ASSERT_GE(sd_bus_message_close_container(m), 0);
+            });
+        }
+        Entry(m, "last", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 9u); });
+    });
+    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+
+    Logging::Capture capture;
+    TypedPropertyMap map;
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(map.count("unexpected"), 0u);
+    EXPECT_EQ(map.size(), 12u + 13u + 13u + 1u);
+    EXPECT_EQ(Get<std::string>(map, "o", "o"), "/a/b");
+    EXPECT_EQ(Get<std::string>(map, "g", "g"), "a{sv}");
+    EXPECT_EQ(Get<int64_t>(map, "x", "x"), -5000000000);
+    EXPECT_EQ(Get<uint64_t>(map, "t", "t"), 5000000000u);
+    EXPECT_EQ(Get<double>(map, "d", "d"), 2.5);
+    EXPECT_EQ(Get<std::vector<std::string>>(map, "ao", "ao"), (std::vector<std::string>{"/x", "/y"}));
+    EXPECT_EQ(Get<std::vector<std::string>>(map, "ag", "ag"), (std::vector<std::string>{"i"}));
+    EXPECT_EQ(Get<std::vector<double>>(map, "ad", "ad"), (std::vector<double>{0.5}));
+    EXPECT_EQ(Get<uint32_t>(map, "last", "u"), 9u);
+    for (const char* empty : {"as", "ao", "ag"})
+        EXPECT_TRUE(Get<std::vector<std::string>>(map, std::string("empty ") + empty, empty).empty())
+            << empty;
+    EXPECT_TRUE(Get<std::vector<uint8_t>>(map, "empty ay", "ay").empty());
+    EXPECT_TRUE(Get<std::vector<int32_t>>(map, "empty ai", "ai").empty());
+    // the skipped entry is named once
+    EXPECT_EQ(capture.Count("Skipping property unexpected of unexpected type a{ss}", LOG_WARNING), 1u);
+    sd_bus_message_unref(m);
+
+    // and only once for the process
+    sd_bus_message* again = Changed(factory, [](sd_bus_message* m) {
+        Entry(m, "unexpected", "a{ss}", [](sd_bus_message* m) { sd_bus_message_append(m, "a{ss}", 0); });
+    });
+    ASSERT_GE(sd_bus_message_skip(again, "s"), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(again, map), 0);
+    EXPECT_EQ(capture.Count("Skipping property unexpected of unexpected type a{ss}", LOG_WARNING), 1u);
+    sd_bus_message_unref(again);
 }
