@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "ControllerProperties.h"
 #include "backend/Radio.h"
 #include "controller/BluetoothController.h"
 #include "dbus/Names.h"
@@ -22,8 +23,7 @@ using RadioSwitch = bool (Backend::RadioInterface::*)(bool);
 template <RadioQuery query>
 int GetSwitch(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
               sd_bus_error*) {
-    const std::shared_ptr<Backend::Radio> radio =
-        DbusHelper::DbusObject::FromUserdata<Radio>(userdata)->Controller()->Radio();
+    const std::shared_ptr<Backend::Radio> radio = ControllerOf<Radio>(userdata)->Radio();
     const int value = radio && ((*radio).*query)() ? 1 : 0;
     return sd_bus_message_append_basic(reply, 'b', &value);
 }
@@ -35,15 +35,14 @@ int SetSwitch(sd_bus*, const char*, const char*, const char*, sd_bus_message* va
     const int r = sd_bus_message_read_basic(value, 'b', &on);
     if (r < 0)
         return r;
-    const std::shared_ptr<Backend::Radio> radio =
-        DbusHelper::DbusObject::FromUserdata<Radio>(userdata)->Controller()->Radio();
+    const std::shared_ptr<Backend::Radio> radio = ControllerOf<Radio>(userdata)->Radio();
     if (radio)
         (void)((*radio).*change)(on != 0);
     return r;
 }
 
 int ConfigKelpBle(sd_bus_message* m, void* userdata, sd_bus_error*) {
-    const auto& controller = DbusHelper::DbusObject::FromUserdata<Radio>(userdata)->Controller();
+    const std::shared_ptr<BluetoothController> controller = ControllerOf<Radio>(userdata);
     const char* address = nullptr;
     const int r = sd_bus_message_read_basic(m, 's', &address);
     if (r < 0)

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <utility>
 
+#include "ControllerProperties.h"
 #include "backend/Scanner.h"
 #include "controller/BluetoothController.h"
 #include "dbus/Names.h"
@@ -19,61 +20,24 @@ namespace BluetoothDbusObject {
 
 namespace {
 
-std::shared_ptr<BluetoothController> ControllerOf(void* userdata) {
-    return DbusHelper::DbusObject::FromUserdata<Scanner>(userdata)->Controller();
-}
-
-int GetAutoScan(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
-                sd_bus_error*) {
-    const int value = ControllerOf(userdata)->GetAutoScanEnabled() ? 1 : 0;
-    return sd_bus_message_append_basic(reply, 'b', &value);
-}
-
-int SetAutoScan(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void* userdata,
-                sd_bus_error*) {
-    int on = 0;
-    const int r = sd_bus_message_read_basic(value, 'b', &on);
-    if (r < 0)
-        return r;
-    ControllerOf(userdata)->SetAutoScanEnabled(on != 0);
-    return r;
-}
-
-int GetAutoScanRateSecs(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
-                        sd_bus_error*) {
-    const auto seconds = static_cast<int32_t>(ControllerOf(userdata)->GetAutoScanRateSecs());
-    return sd_bus_message_append_basic(reply, 'i', &seconds);
-}
-
-int SetAutoScanRateSecs(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, void* userdata,
-                        sd_bus_error*) {
-    int32_t seconds = 0;
-    const int r = sd_bus_message_read_basic(value, 'i', &seconds);
-    if (r < 0)
-        return r;
-    // stored as sent, zero and negative values too; the running timer keeps its time
-    ControllerOf(userdata)->SetAutoScanRateSecs(static_cast<uint32_t>(seconds));
-    return r;
-}
-
 Backend::Scanner::DeviceList DevicesOf(const BluetoothController& controller) {
     return controller.Scanner() ? controller.Scanner()->Devices() : Backend::Scanner::DeviceList{};
 }
 
 int GetScannedDevices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                       sd_bus_error*) {
-    const std::string json = ScannedDevice::DevicesJson(DevicesOf(*ControllerOf(userdata)));
+    const std::string json = ScannedDevice::DevicesJson(DevicesOf(*ControllerOf<Scanner>(userdata)));
     return sd_bus_message_append_basic(reply, 's', json.c_str());
 }
 
 int GetRemoteCameras(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                      sd_bus_error*) {
-    const std::string json = ScannedDevice::RemoteCamerasJson(DevicesOf(*ControllerOf(userdata)));
+    const std::string json = ScannedDevice::RemoteCamerasJson(DevicesOf(*ControllerOf<Scanner>(userdata)));
     return sd_bus_message_append_basic(reply, 's', json.c_str());
 }
 
 int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
-    const std::shared_ptr<BluetoothController> controller = ControllerOf(userdata);
+    const std::shared_ptr<BluetoothController> controller = ControllerOf<Scanner>(userdata);
     const bool autoScan = controller->GetAutoScanEnabled();
     const bool advertising = controller->GetAdvertisingEnabled();
     if (autoScan)
@@ -98,7 +62,7 @@ int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
 }
 
 int ReadKelpBle(sd_bus_message* m, void* userdata, sd_bus_error*) {
-    ControllerOf(userdata)->StartBleInfoRefresh();
+    ControllerOf<Scanner>(userdata)->StartBleInfoRefresh();
     return sd_bus_reply_method_return(m, "");
 }
 
@@ -120,8 +84,12 @@ Scanner::Scanner(std::shared_ptr<BluetoothController> owner)
     using namespace sdbus_utils::vtable;
     constexpr uint64_t kEmitsChange = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
     AddStart(Vtable());
-    AddProperty(Vtable(), "AutoScan", "b", &GetAutoScan, &SetAutoScan, kEmitsChange);
-    AddProperty(Vtable(), "AutoScanRateSecs", "i", &GetAutoScanRateSecs, &SetAutoScanRateSecs, kEmitsChange);
+    AddProperty(Vtable(), "AutoScan", "b", &GetFlag<Scanner, &BluetoothController::GetAutoScanEnabled>,
+                &SetFlag<Scanner, &BluetoothController::SetAutoScanEnabled>, kEmitsChange);
+    // stored as sent, zero and negative values too; the running timer keeps its time
+    AddProperty(Vtable(), "AutoScanRateSecs", "i",
+                &GetNumber<Scanner, &BluetoothController::GetAutoScanRateSecs>,
+                &SetNumber<Scanner, &BluetoothController::SetAutoScanRateSecs>, kEmitsChange);
     AddPropertyReadOnly(Vtable(), "ScannedDevices", "s", &GetScannedDevices, kEmitsChange);
     AddPropertyReadOnly(Vtable(), "RemoteCameras", "s", &GetRemoteCameras, kEmitsChange);
     AddVtableMethod(Vtable(), "Scan", "", "s", &Scan, SD_BUS_VTABLE_UNPRIVILEGED);
