@@ -2,12 +2,14 @@
 
 #include <systemd/sd-daemon.h>
 
+#include <chrono>
 #include <csignal>
 #include <ctime>
 
 #include "daemon/ServiceBringUp.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
+#include "loop/Sleep.h"
 #include "utils/HciWatchdog.h"
 
 namespace Daemon {
@@ -16,7 +18,8 @@ namespace {
 sd_event* g_loop = nullptr;
 
 // systemd stops the service with SIGTERM; leaving the loop cleanly gives exit status 0 instead of
-// death by signal. Must run before any thread exists so every thread inherits the mask.
+// death by signal. Must run before any thread exists so every thread inherits the mask, and before the
+// wait for hci0, which systemd may cut short.
 void ExitLoopOnTermination(sd_event* loop) {
     sigset_t mask;
     sigemptyset(&mask);
@@ -28,6 +31,24 @@ void ExitLoopOnTermination(sd_event* loop) {
     if (sd_event_add_signal(loop, nullptr, SIGTERM, nullptr, nullptr) < 0 ||
         sd_event_add_signal(loop, nullptr, SIGINT, nullptr, nullptr) < 0)
         pthread_sigmask(SIG_UNBLOCK, &mask, nullptr);
+}
+// A termination signal waits, blocked, for the loop: the watchdog looks for it without taking it.
+bool TerminationPending() {
+    sigset_t pending;
+    if (sigpending(&pending) != 0)
+        return false;
+    return sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1;
+}
+
+// The watchdog's hooks, with its one-second waits cut short by a termination signal.
+Utils::WatchdogHooks StoppableWatchdogHooks() {
+    Utils::WatchdogHooks hooks = Utils::SystemWatchdogHooks();
+    hooks.stopRequested = TerminationPending;
+    hooks.sleepOneSecond = [] {
+        for (int slice = 0; slice < 10 && !TerminationPending(); ++slice)
+            Loop::SleepFor(std::chrono::milliseconds(100));
+    };
+    return hooks;
 }
 }  // namespace
 
@@ -62,13 +83,17 @@ int BluetoothDaemonStart(sd_event_source*, uint64_t, void*) {
 
 int Main() {
     const int r = sd_event_default(&g_loop);
-    const bool restarted = Utils::EnsureInterface(0);
+    if (r >= 0)
+        ExitLoopOnTermination(g_loop);
+    const bool restarted = Utils::EnsureInterface(0, StoppableWatchdogHooks());
     // floating source, owned by the loop; its result is deliberately not checked
     sd_event_add_time(g_loop, nullptr, CLOCK_MONOTONIC, StartTime(g_loop, restarted), 0, BluetoothDaemonStart,
                       nullptr);
     if (r < 0)
         return 0;
-    ExitLoopOnTermination(g_loop);
+    // stopped while it waited for hci0: nothing was brought up, nothing to take down
+    if (TerminationPending())
+        return 0;
     return RunLoop(g_loop);
 }
 

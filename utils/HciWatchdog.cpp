@@ -11,8 +11,14 @@
 namespace Utils {
 
 WatchdogHooks SystemWatchdogHooks() {
-    return {InterfaceExists, RestartServiceUnit, [] { Loop::SleepFor(std::chrono::seconds(1)); }};
+    return {InterfaceExists, RestartServiceUnit, [] { Loop::SleepFor(std::chrono::seconds(1)); }, nullptr};
 }
+
+namespace {
+bool Stopping(const WatchdogHooks& hooks) {
+    return hooks.stopRequested && hooks.stopRequested();
+}
+}  // namespace
 
 bool InterfaceExists(int index) {
     const std::string path = kHciPathPrefix + std::to_string(index);
@@ -22,7 +28,7 @@ bool InterfaceExists(int index) {
 
 bool WaitForInterface(int index, const WatchdogHooks& hooks) {
     for (int i = 0; i < kWaitChecks; ++i) {
-        if (hooks.interfaceExists(index))
+        if (hooks.interfaceExists(index) || Stopping(hooks))
             break;
         Logging::Log(LOG_ERR, "Waiting for HCI%d interface...", index);
         hooks.sleepOneSecond();
@@ -33,6 +39,8 @@ bool WaitForInterface(int index, const WatchdogHooks& hooks) {
 bool EnsureInterface(int index, const WatchdogHooks& hooks) {
     bool restarted = false;
     for (int pass = 0; pass < kWatchdogPasses; ++pass) {
+        if (Stopping(hooks))
+            return restarted;
         if (hooks.interfaceExists(index)) {
             Logging::Log(LOG_INFO, "HCI%d okay, no need to restart services!", index);
             return restarted;
@@ -40,11 +48,11 @@ bool EnsureInterface(int index, const WatchdogHooks& hooks) {
         Logging::Log(LOG_ERR, "HCI%d does not exist, relaunching BT related services...", index);
         hooks.restartUnit(kBoardBluetoothUnit);
         hooks.restartUnit(kBluetoothUnit);
+        restarted = true;
         if (WaitForInterface(index, hooks)) {
             Logging::Log(LOG_INFO, "HCI%d has been brought up!", index);
             return true;
         }
-        restarted = true;
     }
     return true;
 }

@@ -14,10 +14,13 @@ inline constexpr int kWatchdogPasses = 5;
 inline constexpr int kWaitChecks = 5;
 
 // What the watchdog touches, so tests can replace the sysfs check, the unit restart and the 1 s sleep.
+// `stopRequested` (optional) ends the watchdog at its next check, with nothing more restarted: the
+// daemon is being stopped while it waits.
 struct WatchdogHooks {
     std::function<bool(int index)> interfaceExists;
     std::function<bool(const std::string& unit)> restartUnit;
     std::function<void()> sleepOneSecond;
+    std::function<bool()> stopRequested;
 };
 
 // The hooks the daemon uses: sysfs, systemd on the system bus and a real one-second sleep.

@@ -2,6 +2,7 @@
 '''The daemon binary in the hermetic unit: the HCI watchdog, start-up timing, readiness and exit status.'''
 import os
 import sys
+import time
 import unittest
 
 import dbus
@@ -91,6 +92,19 @@ class DaemonStart(unittest.TestCase):
             finally:
                 status = daemon.stop()
             self.assertEqual(status, 0)
+
+    def test_stopped_while_waiting_for_hci0_it_ends_at_once_with_status_zero(self):
+        with TestEnv(sandbox=True, hci0=False) as env:
+            daemon = DaemonProcess(env)
+            waiting = daemon.wait_line(WAITING, timeout=10)
+            stopped = time.monotonic()
+            status = daemon.stop()
+            self.assertIsNotNone(waiting, daemon.texts())
+            self.assertEqual(status, 0)
+            self.assertLess(time.monotonic() - stopped, 1.5)
+            # nothing more was restarted and nothing brought up (readiness comes only after bring-up)
+            self.assertEqual(restarts(env), ['variscite-bt.service', 'bluetooth.service'])
+            self.assertEqual(daemon.count(STARTING), 0)
 
     def test_systemd_absent_is_logged_and_the_watchdog_goes_on(self):
         with TestEnv(sandbox=True, hci0=False, without=['systemd']) as env:

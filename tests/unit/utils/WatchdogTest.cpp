@@ -13,6 +13,8 @@ struct FakeSystem {
     int appearsAfterChecks = -1;
     int checks = 0;
     int sleeps = 0;
+    // a stop is requested once this many sleeps are done (-1: never)
+    int stopAfterSleeps = -1;
     std::vector<std::string> restarts;
 
     Utils::WatchdogHooks Hooks() {
@@ -26,7 +28,7 @@ struct FakeSystem {
                     restarts.push_back(unit);
                     return true;
                 },
-                [this] { ++sleeps; }};
+                [this] { ++sleeps; }, [this] { return stopAfterSleeps >= 0 && sleeps >= stopAfterSleeps; }};
     }
 };
 
@@ -98,4 +100,25 @@ TEST(HciWatchdog, InterfaceIndexIsFormattedIntoThePath) {
     EXPECT_STREQ(Utils::kHciPathPrefix, "/sys/class/bluetooth/hci");
     // no Bluetooth in this test's sysfs view: index 99 never exists
     EXPECT_FALSE(Utils::InterfaceExists(99));
+}
+
+TEST(HciWatchdog, AStopBeforeTheFirstCheckRestartsNothing) {
+    Logging::Capture capture;
+    FakeSystem sys;
+    sys.stopAfterSleeps = 0;
+    EXPECT_FALSE(Utils::EnsureInterface(0, sys.Hooks()));
+    EXPECT_TRUE(sys.restarts.empty());
+    EXPECT_EQ(sys.checks, 0);
+    EXPECT_TRUE(capture.Lines().empty());
+}
+
+TEST(HciWatchdog, AStopDuringTheWaitEndsItWithNothingMoreRestarted) {
+    Logging::Capture capture;
+    FakeSystem sys;
+    sys.stopAfterSleeps = 2;  // two seconds into the first pass's wait
+    EXPECT_TRUE(Utils::EnsureInterface(0, sys.Hooks()));
+    EXPECT_EQ(sys.restarts, (std::vector<std::string>{"variscite-bt.service", "bluetooth.service"}));
+    EXPECT_EQ(sys.sleeps, 2);
+    EXPECT_EQ(capture.Count("Waiting for HCI0 interface...", LOG_ERR), 2u);
+    EXPECT_EQ(capture.Count("HCI0 does not exist, relaunching BT related services...", LOG_ERR), 1u);
 }
