@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 
 #include "daemon/ServiceBringUp.h"
@@ -94,7 +95,13 @@ int Main() {
     // stopped while it waited for hci0: nothing was brought up, nothing to take down
     if (TerminationPending())
         return 0;
-    return RunLoop(g_loop);
+    const int status = RunLoop(g_loop);
+    if (!StopService()) {
+        // a worker stuck in the BLE library: leave without running static destructors beside it
+        Logging::Log(LOG_WARNING, "Camera work still running at exit");
+        std::_Exit(status);
+    }
+    return status;
 }
 
 }  // namespace Daemon

@@ -25,6 +25,10 @@ void BringUpService(sd_event* loop) {
         Logging::Log(LOG_ERR, "Bluetooth Controller failed to initialise, disabling dbus interface");
 }
 
+bool StopService() {
+    return !g_controller || g_controller->StopCameraWork();
+}
+
 const std::shared_ptr<BluetoothController>& ServiceController() {
     return g_controller;
 }

@@ -6,6 +6,10 @@
 #include "controller/CameraWorkers.h"
 #include "scanned_device/RemoteCamera.h"
 
+bool BluetoothController::StopCameraWork(std::chrono::milliseconds grace) {
+    return cameraWorkers->Stop(grace);
+}
+
 std::mutex& BluetoothController::ScanLock() {
     return cameraWorkers->ScanLock();
 }

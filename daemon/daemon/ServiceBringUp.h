@@ -12,6 +12,10 @@ namespace Daemon {
 // thread, from the start callback.
 void BringUpService(sd_event* loop);
 
+// When the loop has ended: ends the camera work (its threads would otherwise outlive main and race the
+// process's static objects). False when a worker is still running after the grace.
+bool StopService();
+
 // What BringUpService built (null before it ran), for tests.
 const std::shared_ptr<BluetoothController>& ServiceController();
 const std::shared_ptr<BluetoothDbusServer>& ServiceServer();

@@ -148,6 +148,11 @@ class BluetoothController {
     // exactly this address (whatever model its payload names); null when there is none.
     std::shared_ptr<ScannedDevice::RemoteCamera> FindRemoteCamera(const std::string& address) const;
 
+    // Loop thread, when the daemon stops: nothing more is reported, a flow in progress runs out its
+    // waits at once and ends (disconnecting its camera), and this waits up to `grace` for the workers.
+    // False when some are still running. The destructor does the same.
+    bool StopCameraWork(std::chrono::milliseconds grace = kWorkerStopGrace);
+
     // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
     std::mutex& ScanLock();
     // The camera work's state, shared with its threads.

@@ -2,6 +2,9 @@
 // Constant tables shared across the daemon: model names by device type, battery status names, the
 // remote camera's state letters, and where this daemon's settings live. Immutable after static
 // initialisation and safe to read from any thread. Look names up with find(), never operator[].
+//
+// The tables are never destroyed: the BLE library's thread and camera workers may still read them while
+// the process exits.
 
 #include <cstdint>
 #include <map>
@@ -12,7 +15,7 @@ using BatteryStatus = uint16_t;
 using ActivePowerSource = int32_t;
 using RavelType = uint32_t;
 
-inline const std::map<DeviceType, std::string> DeviceTypeNames = {
+inline const std::map<DeviceType, std::string>& DeviceTypeNames = *new std::map<DeviceType, std::string>{
     {1, "Arbor"}, {2, "Basalt"},  {3, "Cobalt"}, {4, "Dune"},   {5, "Ember"},
     {6, "Fjord"}, {7, "KelpCam"}, {8, "Garnet"}, {9, "Harbor"},
 };
@@ -21,17 +24,17 @@ inline const std::map<DeviceType, std::string> DeviceTypeNames = {
 inline constexpr DeviceType kRemoteCameraDeviceType = 7;
 
 // 2 and 3 share their name on purpose: there is no separate name for a partly full battery.
-inline const std::map<int, std::string> BatteryStatusNames = {
+inline const std::map<int, std::string>& BatteryStatusNames = *new std::map<int, std::string>{
     {0, "Critical"}, {1, "Low"}, {2, "Partially Empty"}, {3, "Partially Empty"}, {4, "Full"},
 };
 
-inline const std::map<char, std::string> PowerStateNames = {
+inline const std::map<char, std::string>& PowerStateNames = *new std::map<char, std::string>{
     {'Z', "On"},
     {'U', "Off"},
     {'Y', "Standby"},
 };
 
-inline const std::map<char, std::string> WiFiStateNames = {
+inline const std::map<char, std::string>& WiFiStateNames = *new std::map<char, std::string>{
     {'G', "Unavailable"},
     {'B', "Booting"},
     {'R', "Ready"},

@@ -418,6 +418,27 @@ class ScannerObject(unittest.TestCase):
             self.assertEqual(unit.device_calls(UNIT_3, 'Connect'), [])
 
 
+class Shutdown(unittest.TestCase):
+    def test_a_stop_during_camera_work_ends_the_daemon_promptly_and_cleanly(self):
+        with Service(self, devices=[SLOW_CAMERA, CAMERA]) as unit:
+            daemon = unit.start()
+            unit.call(SCANNER, 'Scan')
+            unit.call(RADIO, 'ConfigKelpBle', SLOW_CAMERA)  # some seconds of GATT work
+            unit.call(SCANNER, 'ReadKelpBle')  # waits for the scan lock meanwhile
+            self.assertIsNotNone(daemon.wait_line_prefix('Configured Power State: Time Elapsed: ', 10),
+                                 daemon.texts())
+            stopped = time.monotonic()
+            status = daemon.stop()
+            self.assertEqual(status, 0, daemon.texts())
+            self.assertLess(time.monotonic() - stopped, 3.0)
+            # the flow in progress ended by disconnecting its camera; the refresh never started
+            path = ADAPTER + '/dev_' + SLOW_CAMERA.replace(':', '_')
+            device = unit.system.get_object('org.bluez', path)
+            self.assertFalse(device.Get('org.bluez.Device1', 'Connected', dbus_interface=PROPS))
+            self.assertEqual(unit.camera_writes(CAMERA), [])
+            self.assertNotIn('Camera work still running at exit', daemon.texts())
+
+
 class Readme(unittest.TestCase):
     def test_the_readme_examples_work_as_printed(self):
         with open(os.path.join(TOP, 'README.md')) as f:
