@@ -27,6 +27,7 @@
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
+#include "test_support/LoopHelpers.h"
 #include "vocabulary/Vocabulary.h"
 
 using ::testing::ElementsAre;
@@ -110,14 +111,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
     template <typename Condition>
     bool RunLoopUntil(Condition condition,
                       std::chrono::milliseconds limit = std::chrono::milliseconds(15000)) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() >= end)
-                return false;
-            if (sd_event_run(loop, 20'000) < 0)
-                return false;
-        }
-        return true;
+        return BusTest::PumpUntil(loop, condition, limit);
     }
 
     size_t Discoveries() { return sim.MethodCalls(BackendTest::kAdapterPath, "StartDiscovery"); }

@@ -20,6 +20,7 @@
 #include "test_support/FakeAdvertiser.h"
 #include "test_support/FakeRadio.h"
 #include "test_support/FakeScanner.h"
+#include "test_support/LoopHelpers.h"
 
 namespace ControllerTest {
 
@@ -117,14 +118,7 @@ class ControllerFixture : public ::testing::Test {
     template <typename Condition>
     bool RunLoopUntil(Condition condition,
                       std::chrono::milliseconds limit = std::chrono::milliseconds(3000)) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() >= end)
-                return false;
-            if (sd_event_run(loop, 50'000) < 0)
-                return false;
-        }
-        return true;
+        return BusTest::PumpUntil(loop, condition, limit);
     }
 
     sd_event* loop = nullptr;
