@@ -4,6 +4,7 @@ against the daemon binary in the simulated unit, with simulated units, cameras a
 import json
 import os
 import sys
+import threading
 import time
 import unittest
 import xml.etree.ElementTree as ElementTree
@@ -416,6 +417,38 @@ class ScannerObject(unittest.TestCase):
             # only the camera was read; the other unit carries no camera service
             self.assertEqual(unit.camera_writes(CAMERA), ['RV\r', 'RF\r', 'RP\r'])
             self.assertEqual(unit.device_calls(UNIT_3, 'Connect'), [])
+
+
+class DuringAScan(unittest.TestCase):
+    def test_calls_made_during_a_scan_are_answered_after_it(self):
+        with Service(self, devices=[CAMERA]) as unit:
+            unit.start()
+            # BlueZ takes 1.5 s to start discovering: the scan holds the loop that long
+            unit.system.get_object('org.bluez', '/').SetMethodBehaviour(
+                ADAPTER, 'StartDiscovery', {'delay_ms': dbus.UInt32(1500)}, dbus_interface='org.bluez.Mock')
+            result = {}
+
+            def scan():
+                bus = dbus.bus.BusConnection(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
+                try:
+                    result['scan'] = bus.get_object(NAME, PATH, introspect=False).Scan(
+                        dbus_interface=SCANNER, timeout=30)
+                finally:
+                    bus.close()
+            scanning = threading.Thread(target=scan)
+            scanning.start()
+            time.sleep(0.3)
+            asked = time.monotonic()
+            self.assertEqual(unit.get(ADVERT, 'AdvertSchema'), 4)
+            with self.assertRaises(dbus.exceptions.DBusException) as raised:
+                unit.call(RADIO, 'ConfigKelpBle', 'AA:BB:CC:DD:EE:FF')
+            answered = time.monotonic() - asked
+            scanning.join(10)
+            self.assertIn(CAMERA, documents(result['scan']))
+            # answered, as the member table says, once the scan had let the loop go
+            self.assertGreater(answered, 0.5)
+            self.assertEqual(raised.exception.get_dbus_name(), ERROR + 'DeviceNotFound')
+            self.assertTrue(unit.still_serving())
 
 
 class Shutdown(unittest.TestCase):
