@@ -2,7 +2,8 @@
 # make-initramfs.sh KERNEL_ROOT KVER OUTPUT
 # A tiny initramfs: static busybox, some modules of the extracted kernel, and an /init
 # that mounts the host's root read-only over virtio-9p, the run's share read-write, and hands over
-# to the guest stage named in the share's run.env.
+# to the guest stage named in the share's run.env: a script as PID 1, or (QB_E2E_INIT=systemd) the
+# host's own systemd over a writable overlay of the host's root.
 set -euo pipefail
 kroot=$1 kver=$2 output=$3
 
@@ -15,7 +16,7 @@ tree=$(mktemp -d)
 trap 'rm -rf "$tree"' EXIT
 mkdir -p "$tree"/{bin,dev,proc,sys,newroot,modules}
 cp "$busybox" "$tree/bin/busybox"
-for applet in sh mount insmod mkdir switch_root cat echo poweroff sleep; do
+for applet in sh mount insmod mkdir switch_root cat cp rm echo poweroff sleep; do
   ln -s busybox "$tree/bin/$applet"
 done
 
@@ -23,7 +24,7 @@ done
 # host's root, then the Bluetooth stack with the socket crypto that the emulator opens. Loaded on
 # demand over 9p instead, they arrive so late on a busy host that the kernel gives up waiting for the
 # first emulated controller's answer to Reset.
-for module in virtio_pci 9pnet_virtio 9p bluetooth hci_vhci af_alg algif_hash algif_skcipher ecb cmac; do
+for module in virtio_pci 9pnet_virtio 9p overlay bluetooth hci_vhci af_alg algif_hash algif_skcipher ecb cmac; do
   modprobe -d "$kroot" -S "$kver" --show-depends "$module" | awk '$1 == "insmod" { print $2 }'
 done | awk '!seen[$0]++' | while read -r ko; do
   cp "$ko" "$tree/modules/"
@@ -40,19 +41,40 @@ for m in $(cat /modules/order); do insmod "/modules/$m" || echo "initramfs: insm
 fail() { echo "initramfs: $*"; echo o >/proc/sysrq-trigger; sleep 5; poweroff -f; }
 mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=512000,cache=loose hostroot /newroot ||
   fail "cannot mount the host root"
-# everything the guest writes lands on tmpfs or on the run's share, never on the host
-mount -t tmpfs -o mode=1777 tmpfs /newroot/tmp
-mount -t tmpfs -o mode=755 tmpfs /newroot/run
-mount -t tmpfs -o mode=1777 tmpfs /newroot/var/tmp
-mount -t tmpfs -o mode=700 tmpfs /newroot/var/lib/bluetooth
-mkdir -p /newroot/tmp/qb-e2e
-mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000 share /newroot/tmp/qb-e2e ||
-  fail "cannot mount the run's share"
-[ -r /newroot/tmp/qb-e2e/run.env ] || fail "no run.env in the share"
-. /newroot/tmp/qb-e2e/run.env
+mkdir -p /share
+mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000 share /share || fail "cannot mount the run's share"
+[ -r /share/run.env ] || fail "no run.env in the share"
+. /share/run.env
+if [ "${QB_E2E_INIT:-}" = systemd ]; then
+  # a whole system boots here: it writes where it likes, into RAM over the host's read-only root
+  mkdir -p /host /rw
+  mount --move /newroot /host
+  mount -t tmpfs -o mode=755 tmpfs /rw
+  mkdir -p /rw/upper /rw/work
+  mount -t overlay -o lowerdir=/host,upperdir=/rw/upper,workdir=/rw/work overlay /newroot ||
+    fail "cannot mount the overlay of the host root"
+  mkdir -p /newroot/tmp/qb-e2e /newroot/etc/systemd/system /newroot/etc/tmpfiles.d
+  # the boot's clean-up of /tmp would hide the host's /tmp, and a tree cloned there
+  : >/newroot/etc/tmpfiles.d/tmp.conf
+  cp "/newroot$QB_E2E_UNITS_DIR"/* /newroot/etc/systemd/system/ || fail "cannot add the test's units"
+  # what makes the host a container image is not part of a unit: systemd would take the marker for a
+  # container, and dpkg's policy-rc.d would keep packages from starting their services
+  rm -f /newroot/.dockerenv /newroot/usr/sbin/policy-rc.d
+else
+  # everything the guest writes lands on tmpfs or on the run's share, never on the host
+  mount -t tmpfs -o mode=1777 tmpfs /newroot/tmp
+  mount -t tmpfs -o mode=755 tmpfs /newroot/run
+  mount -t tmpfs -o mode=1777 tmpfs /newroot/var/tmp
+  mount -t tmpfs -o mode=700 tmpfs /newroot/var/lib/bluetooth
+  mkdir -p /newroot/tmp/qb-e2e
+fi
+mount --move /share /newroot/tmp/qb-e2e
 mount --move /dev /newroot/dev
 mount --move /proc /newroot/proc
 mount --move /sys /newroot/sys
+if [ "${QB_E2E_INIT:-}" = systemd ]; then
+  exec switch_root /newroot /lib/systemd/systemd
+fi
 exec switch_root /newroot /bin/bash "$QB_E2E_GUEST_DIR/stage2.sh"
 EOF
 chmod +x "$tree/init"

@@ -5,6 +5,12 @@
 # Binaries built on the host run in the guest unchanged.
 #
 #   run-vm.sh --build-dir DIR [--install-deps SCRIPT] [--driver NAME=PATH ...]
+#             [--systemd UNITS_DIR] [--env NAME=VALUE ...] [--out NAME]
+#
+# --systemd boots the host's own systemd as PID 1 instead, over a writable overlay of the host's root,
+# with the units of UNITS_DIR added and qb-e2e.target as the boot target; what runs then is up to
+# those units. --env adds settings to the guest's run.env; --out names the run's folder in DIR
+# (default e2e-out; failures are kept in DIR/NAME-failed).
 #
 # Exit status: 0 all scenarios passed, 1 a scenario failed, 77 this machine cannot run the tier.
 # A run whose guest kernel crashed (a BUG or an oops in its log: the emulated controllers' driver, not
@@ -26,12 +32,19 @@ e2e_dir=$(dirname "$here")
 build_dir=
 install_deps=
 drivers=()
+units_dir=
+extra_env=()
+out_name=e2e-out
 while [ $# -gt 0 ]; do
   case "$1" in
     --build-dir) build_dir=$2; shift 2 ;;
     --install-deps) install_deps=$2; shift 2 ;;
     --driver) drivers+=("$2"); shift 2 ;;
-    *) echo "usage: $0 --build-dir DIR [--install-deps SCRIPT] [--driver NAME=PATH ...]" >&2; exit 2 ;;
+    --systemd) units_dir=$(cd "$2" && pwd) || exit 2; shift 2 ;;
+    --env) extra_env+=("$2"); shift 2 ;;
+    --out) out_name=$2; shift 2 ;;
+    *) echo "usage: $0 --build-dir DIR [--install-deps SCRIPT] [--driver NAME=PATH ...]" \
+         "[--systemd UNITS_DIR] [--env NAME=VALUE ...] [--out NAME]" >&2; exit 2 ;;
   esac
 done
 [ -n "$build_dir" ] || { echo "run-vm: --build-dir is required" >&2; exit 2; }
@@ -42,7 +55,7 @@ say() { echo "e2e [$(elapsed)s] $*"; }
 skip() { echo "e2e: SKIPPED: $*"; exit $SKIP; }
 
 cache=${QB_E2E_CACHE:-$build_dir/e2e-cache}
-out=$build_dir/e2e-out
+out=$build_dir/$out_name
 mkdir -p "$cache"
 
 # ---- what the host needs ---------------------------------------------------------------------------
@@ -99,6 +112,11 @@ mkdir -p "$out"
   echo "QB_E2E_SCENARIOS=${QB_E2E_SCENARIOS:-all}"
   echo "QB_E2E_SHELL=${QB_E2E_SHELL:-0}"
   echo "QB_E2E_SCRIPT=${QB_E2E_SCRIPT:-}"
+  if [ -n "$units_dir" ]; then
+    echo "QB_E2E_INIT=systemd"
+    echo "QB_E2E_UNITS_DIR=$units_dir"
+  fi
+  for e in "${extra_env[@]}"; do echo "$e"; done
   for d in "${drivers[@]}"; do
     name=${d%%=*} path=${d#*=}
     [ -x "$path" ] || { echo "run-vm: driver $name not found at $path" >&2; exit 1; }
@@ -107,11 +125,16 @@ mkdir -p "$out"
 } >"$out/run.env"
 
 timeout_s=${QB_E2E_TIMEOUT:-220}
+append="console=ttyS0 panic=-1 quiet loglevel=3"
+if [ -n "$units_dir" ]; then
+  # no fstab (the host's describes another machine), no first-boot questions, the test's own target
+  append="$append fstab=no systemd.firstboot=off systemd.unit=qb-e2e.target systemd.show_status=error"
+fi
 # TCG on purpose: a host whose /dev/kvm is a paravirtualised one cannot boot a stock kernel with it
 qemu=("$qemu_bin" -machine pc -accel tcg,thread=multi -cpu max -m 1024 -smp 2
   -nodefaults -no-user-config -display none -no-reboot
   -kernel "$vmlinuz" -initrd "$initramfs"
-  -append "console=ttyS0 panic=-1 quiet loglevel=3"
+  -append "$append"
   -fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap
   -device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot
   -fsdev "local,id=share,path=$out,security_model=none,multidevs=remap"
@@ -137,9 +160,9 @@ if [ "$result" = PASS ]; then
 fi
 
 # keep this run's logs: the next run starts by wiping $out (and keep only the last few failures)
-kept=$build_dir/e2e-failed/$(date +%Y%m%d-%H%M%S)
+kept=$build_dir/${out_name%-out}-failed/$(date +%Y%m%d-%H%M%S)
 mkdir -p "$kept" && cp -a "$out"/. "$kept"/
-ls -1d "$build_dir"/e2e-failed/*/ 2>/dev/null | head -n -5 | xargs -r rm -rf
+ls -1d "$build_dir"/${out_name%-out}-failed/*/ 2>/dev/null | head -n -5 | xargs -r rm -rf
 echo "---- console (tail) ----"
 tail -n 40 "$out/console.log" 2>/dev/null
 if [ -z "${QB_E2E_RETRIED:-}" ] &&

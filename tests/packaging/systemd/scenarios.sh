@@ -1,0 +1,241 @@
+#!/bin/bash
+# The installed package under the guest's real systemd (PID 1). Run by qb-service-test.service once
+# the unit's neighbours are up: root's user bus with the simulated settings, network and power
+# daemons, bluetoothd, and the stand-in board bring-up that makes hci0. Every scenario writes its
+# verdict to steps.txt; the run's verdict goes to result; then the machine powers off.
+set -u
+set -a; . /tmp/qb-e2e/run.env; set +a
+. "$QB_E2E_GUEST_DIR/stack.sh" # OUT, step, took, note, wait_for_line
+export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+export DBUS_SESSION_BUS_ADDRESS=unix:path=/run/user/0/bus
+export SYSTEMD_PAGER= SYSTEMD_COLORS=0
+UNIT=quorbel-bluetoothd.service
+NAME=com.quorbel.common.Bluetooth1
+OBJECT=/com/quorbel/common/Bluetooth1
+HCI0=/sys/class/bluetooth/hci0
+
+show() { systemctl show -P "$2" "$1"; }
+
+# verdict NAME PASS|FAIL TEXT...: step with the rest of the words as its detail
+verdict() { local name=$1 outcome=$2; shift 2; step "$name" "$outcome" "$*"; }
+
+# until SECONDS COMMAND...: true once COMMAND succeeds
+until_ok() {
+  local deadline=$(( $(date +%s) + $1 )); shift
+  until "$@" >/dev/null 2>&1; do
+    [ "$(date +%s)" -lt "$deadline" ] || return 1
+    sleep 0.2
+  done
+}
+
+is_state() { [ "$(show "$1" ActiveState)/$(show "$1" SubState)" = "$2" ]; }
+has_hci0() { [ -e "$HCI0" ]; }
+no_hci0() { [ ! -e "$HCI0" ]; }
+name_owned() { busctl --user status "$NAME" >/dev/null 2>&1; }
+peer_ready() { busctl --user call "$1" / org.freedesktop.DBus.Peer Ping; }
+
+# journal_of INVOCATION: the daemon's journal entries of one invocation, one JSON object a line
+journal_of() { journalctl -b -o json _SYSTEMD_INVOCATION_ID="$1" _SYSTEMD_UNIT="$UNIT"; }
+
+# logged INVOCATION TEXT: how many entries of that invocation carry exactly TEXT as message
+logged() {
+  journal_of "$1" | /usr/bin/python3 -c '
+import json, sys
+print(sum(1 for l in sys.stdin if json.loads(l).get("MESSAGE") == sys.argv[1]))' "$2"
+}
+
+finish() {
+  journalctl -b --no-pager -o short-monotonic >"$OUT/journal.txt" 2>&1
+  journalctl -b -o json _SYSTEMD_UNIT="$UNIT" >"$OUT/daemon-journal.json" 2>&1
+  if [ "$FAILED" = 0 ]; then echo PASS >"$OUT/result"; else echo FAIL >"$OUT/result"; fi
+  sync
+  systemctl poweroff --no-block
+}
+trap finish EXIT
+
+note boot "systemd $(systemctl --version | head -n 1 | cut -d' ' -f2) is PID 1: $(cat /proc/1/comm)," \
+  "system up at $(uptime_s)s"
+stdbuf -oL btmon -T >"$OUT/btmon.txt" 2>&1 &
+
+# ---- the unit's neighbours -------------------------------------------------------------------------
+mkdir -p /etc/vantu
+printf 'serial=QB00012345\nmodel=Cobalt\nradio_type=1\n' >/etc/vantu/identity
+t0=$(uptime_s)
+if until_ok 30 peer_ready com.quorbel.common.Settings1 && until_ok 10 peer_ready com.quorbel.Network1 &&
+   until_ok 10 peer_ready com.quorbel.common.Pylon1 && until_ok 20 has_hci0 &&
+   until_ok 20 is_state bluetooth.service active/running; then
+  verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs"
+else
+  verdict neighbours FAIL "variscite-bt $(show variscite-bt.service ActiveState), bluetooth" \
+    "$(show bluetooth.service ActiveState), hci0 $(has_hci0 && echo present || echo absent)"
+  exit 1
+fi
+took neighbours "$t0"
+
+# ---- installed as Debian installs it: enabled, and started by the package ----------------------------
+t0=$(uptime_s)
+dpkg -i "$QB_DEB" >"$OUT/dpkg.log" 2>&1
+rc=$?
+took install "$t0"
+if [ "$rc" = 0 ] && [ "$(systemctl is-enabled "$UNIT")" = enabled ] &&
+   [ -L "/etc/systemd/system/multi-user.target.wants/$UNIT" ] && is_state "$UNIT" active/running; then
+  verdict install PASS "dpkg -i: enabled in multi-user.target, started, $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)"
+else
+  verdict install FAIL "dpkg exit $rc, is-enabled $(systemctl is-enabled "$UNIT" 2>&1)," \
+    "$(show "$UNIT" ActiveState)/$(show "$UNIT" SubState) (dpkg.log)"
+  exit 1
+fi
+
+# ---- the unit file as systemd reads it, and its exposure ---------------------------------------------
+verify=$(systemd-analyze verify "$UNIT" 2>&1)
+vrc=$?
+if [ "$vrc" = 0 ] && [ -z "$verify" ]; then
+  verdict verify PASS "systemd-analyze verify: nothing to say"
+else
+  verdict verify FAIL "exit $vrc: $(tr '\n' ' ' <<<"$verify")"
+fi
+systemd-analyze security "$UNIT" >"$OUT/security.txt" 2>&1
+exposure=$(sed -n "s/.*Overall exposure level for $UNIT: \([0-9.]*\).*/\1/p" "$OUT/security.txt")
+if [ -n "$exposure" ] && awk -v e="$exposure" 'BEGIN { exit !(e <= 2.0) }'; then
+  verdict security PASS "exposure $exposure (at most 2.0); what is still granted: $(grep -c '✗' "$OUT/security.txt") items"
+else
+  verdict security FAIL "exposure '${exposure:-none}', wanted at most 2.0 (security.txt)"
+fi
+
+# ---- start returns once the daemon said READY=1 ------------------------------------------------------
+systemctl stop "$UNIT"
+t0=$(uptime_s)
+systemctl start "$UNIT"
+rc=$?
+state="$(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)"
+owned=no; name_owned && owned=yes
+took start "$t0"
+invocation=$(show "$UNIT" InvocationID)
+objects=$(busctl --user call "$NAME" "$OBJECT" org.freedesktop.DBus.ObjectManager GetManagedObjects 2>&1)
+interfaces=$(grep -o "\"$NAME\.[A-Za-z]*\"" <<<"$objects" | sort -u | tr '\n' ' ')
+if [ "$rc" = 0 ] && [ "$state" = active/running ] && [ "$owned" = yes ] &&
+   [ "$(show "$UNIT" Type)" = notify ] &&
+   [ "$interfaces" = "\"$NAME.Advert\" \"$NAME.Radio\" \"$NAME.Scanner\" " ]; then
+  verdict start-ready PASS "systemctl start returned with the unit $state and $NAME already owned;" \
+    "interfaces $interfaces"
+else
+  verdict start-ready FAIL "start exit $rc, $state, name owned: $owned, Type $(show "$UNIT" Type)," \
+    "interfaces: $interfaces"
+fi
+
+# the radio's HCI tools ran inside the sandbox: the controller took the scan response
+if until_ok 10 /usr/bin/python3 "$QB_SYSTEMD_TEST_DIR/hci_reached.py" "$OUT/btmon.txt"; then
+  verdict hardened-hci PASS "the scan response sent by the sandboxed hcitool was accepted by hci0"
+else
+  verdict hardened-hci FAIL "$(/usr/bin/python3 "$QB_SYSTEMD_TEST_DIR/hci_reached.py" "$OUT/btmon.txt" 2>&1 | tail -n 1)"
+fi
+
+# ---- the log: in the journal, once, with its priorities ----------------------------------------------
+journal_of "$invocation" >"$OUT/start-journal.json"
+if /usr/bin/python3 - "$OUT/start-journal.json" <<'EOF'
+import json, sys
+entries = [json.loads(l) for l in open(sys.argv[1])]
+daemon = [e for e in entries if e.get("SYSLOG_IDENTIFIER") == "quorbel-bluetoothd"]
+def priority(text):
+    found = [e["PRIORITY"] for e in daemon if e.get("MESSAGE") == text]
+    assert len(found) == 1, (text, found)
+    return found[0]
+assert priority("Initialising bluetooth daemon...") == "6"
+assert priority("Configuration from settings:") == "6"
+assert priority("HCI0 okay, no need to restart services!") == "6"
+transports = {e.get("_TRANSPORT") for e in daemon}
+# started by systemd the daemon does not echo to stderr: every line arrives once, through syslog
+assert transports == {"syslog"}, transports
+print(len(daemon), "lines")
+EOF
+then
+  verdict journal PASS "the daemon's lines are in the journal once each, through syslog, at their priorities"
+else
+  verdict journal FAIL "see start-journal.json"
+fi
+
+# ---- stop: a clean exit --------------------------------------------------------------------------------
+systemctl stop "$UNIT"
+status="$(show "$UNIT" ExecMainCode)/$(show "$UNIT" ExecMainStatus)/$(show "$UNIT" Result)"
+if [ "$status" = 1/0/success ]; then
+  verdict stop PASS "exited with status 0"
+else
+  verdict stop FAIL "code/status/result $status, wanted 1/0/success (exited, 0)"
+fi
+
+# ---- hci0 missing at start: the board's units are restarted through the manager -------------------------
+# the bring-up unit runs (the daemon wants it) but the radio did not come up
+systemctl stop "$UNIT" variscite-bt.service
+until_ok 10 no_hci0 || note hci0-missing "hci0 still there after stopping variscite-bt"
+rm -f /run/qb-radio-starts
+touch /run/qb-radio-fails-once
+bluez_before=$(show bluetooth.service InvocationID)
+t0=$(uptime_s)
+systemctl start "$UNIT"
+rc=$?
+took hci0-missing "$t0"
+invocation=$(show "$UNIT" InvocationID)
+radio_starts=$(wc -l </run/qb-radio-starts)
+bluez_restarted=no
+[ "$(show bluetooth.service InvocationID)" != "$bluez_before" ] && bluez_restarted=yes
+relaunch=$(logged "$invocation" "HCI0 does not exist, relaunching BT related services...")
+relaunch_priority=$(journal_of "$invocation" | /usr/bin/python3 -c '
+import json, sys
+print(",".join(sorted({json.loads(l)["PRIORITY"] for l in sys.stdin
+                       if json.loads(l).get("MESSAGE", "").startswith("HCI0 does not exist")})))')
+if [ "$rc" = 0 ] && is_state "$UNIT" active/running && is_state variscite-bt.service active/running &&
+   [ "$radio_starts" = 2 ] && [ "$bluez_restarted" = yes ] && has_hci0 && [ "$relaunch" = 1 ] &&
+   [ "$relaunch_priority" = 3 ] && name_owned; then
+  verdict hci0-missing PASS "variscite-bt (started twice) and bluetooth restarted by the daemon," \
+    "hci0 up, the daemon serving"
+else
+  verdict hci0-missing FAIL "start exit $rc, unit $(show "$UNIT" SubState), variscite-bt" \
+    "$(show variscite-bt.service SubState) started $radio_starts times, bluetooth restarted: $bluez_restarted," \
+    "relaunch lines $relaunch at priority '$relaunch_priority'"
+fi
+
+# ---- stopped while it still waits for hci0 ---------------------------------------------------------------
+systemctl stop "$UNIT" variscite-bt.service
+touch /run/qb-no-radio
+until_ok 10 no_hci0 || note stop-waiting "hci0 still there after stopping variscite-bt"
+systemctl start --no-block "$UNIT"
+waiting() {
+  local id; id=$(show "$UNIT" InvocationID)
+  [ -n "$id" ] && [ "$(logged "$id" "Waiting for HCI0 interface...")" -ge 1 ]
+}
+if until_ok 20 waiting && is_state "$UNIT" activating/start; then
+  t0=$(uptime_s)
+  systemctl stop "$UNIT"
+  took stop-waiting "$t0"
+  status="$(show "$UNIT" ExecMainCode)/$(show "$UNIT" ExecMainStatus)/$(show "$UNIT" Result)"
+  if [ "$status" = 1/0/success ]; then
+    verdict stop-waiting PASS "stopped while waiting for hci0: exited with status 0"
+  else
+    verdict stop-waiting FAIL "code/status/result $status, wanted 1/0/success"
+  fi
+else
+  verdict stop-waiting FAIL "the daemon never waited for hci0: $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)"
+  systemctl stop "$UNIT"
+fi
+rm -f /run/qb-no-radio
+systemctl start variscite-bt.service
+until_ok 20 has_hci0 || note crash "hci0 did not come back"
+
+# ---- a crash is restarted -----------------------------------------------------------------------------------
+systemctl start "$UNIT"
+pid=$(show "$UNIT" MainPID)
+restarts=$(show "$UNIT" NRestarts)
+kill -SEGV "$pid"
+restarted() {
+  [ "$(show "$UNIT" NRestarts)" = $((restarts + 1)) ] && is_state "$UNIT" active/running &&
+    [ "$(show "$UNIT" MainPID)" != "$pid" ]
+}
+t0=$(uptime_s)
+if until_ok 30 restarted && name_owned; then
+  took crash "$t0"
+  verdict crash PASS "SIGSEGV: restarted by systemd (NRestarts $(show "$UNIT" NRestarts)), serving again"
+else
+  verdict crash FAIL "NRestarts $(show "$UNIT" NRestarts), $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)," \
+    "MainPID $(show "$UNIT" MainPID) (was $pid)"
+fi
+systemctl stop "$UNIT"
