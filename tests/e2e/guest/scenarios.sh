@@ -4,6 +4,7 @@
 # peers (a BlueZ scanner, a remote camera). Verdicts go to $OUT/steps.txt, the overall one to
 # $OUT/result (PASS or FAIL).
 . "$QB_E2E_GUEST_DIR/stack.sh"
+. "$QB_E2E_GUEST_DIR/daemon.sh"
 : >"$STEPS"
 echo "scenarios: start at $(uptime_s)s"
 
@@ -206,6 +207,8 @@ if stack_up; then
   camera_down
   # last: powering the unit's adapter off and on would disturb the others
   wanted radio && scenario_radio
+  # the whole daemon through its D-Bus API, on the stack the scenarios above left as they found it
+  wanted daemon && scenario_daemon
 fi
 stack_down
 echo "scenarios: end at $(uptime_s)s"

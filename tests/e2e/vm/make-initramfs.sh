@@ -45,28 +45,30 @@ mkdir -p /share
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000 share /share || fail "cannot mount the run's share"
 [ -r /share/run.env ] || fail "no run.env in the share"
 . /share/run.env
+# The guest writes where it likes, into RAM over the host's read-only root; the host's /tmp stays
+# visible, with any tree cloned there
+mkdir -p /host /rw
+mount --move /newroot /host
+mount -t tmpfs -o mode=755 tmpfs /rw
+mkdir -p /rw/upper /rw/work
+mount -t overlay -o lowerdir=/host,upperdir=/rw/upper,workdir=/rw/work overlay /newroot ||
+  fail "cannot mount the overlay of the host root"
+mkdir -p /newroot/tmp/qb-e2e
 if [ "${QB_E2E_INIT:-}" = systemd ]; then
-  # a whole system boots here: it writes where it likes, into RAM over the host's read-only root
-  mkdir -p /host /rw
-  mount --move /newroot /host
-  mount -t tmpfs -o mode=755 tmpfs /rw
-  mkdir -p /rw/upper /rw/work
-  mount -t overlay -o lowerdir=/host,upperdir=/rw/upper,workdir=/rw/work overlay /newroot ||
-    fail "cannot mount the overlay of the host root"
-  mkdir -p /newroot/tmp/qb-e2e /newroot/etc/systemd/system /newroot/etc/tmpfiles.d
-  # the boot's clean-up of /tmp would hide the host's /tmp, and a tree cloned there
+  mkdir -p /newroot/etc/systemd/system /newroot/etc/tmpfiles.d
+  # the boot's clean-up of /tmp would hide the host's /tmp
   : >/newroot/etc/tmpfiles.d/tmp.conf
+  [ -d "/newroot$QB_E2E_UNITS_DIR" ] ||
+    fail "the test's units ($QB_E2E_UNITS_DIR) are not visible in the host's root as the guest sees it"
   cp "/newroot$QB_E2E_UNITS_DIR"/* /newroot/etc/systemd/system/ || fail "cannot add the test's units"
   # what makes the host a container image is not part of a unit: systemd would take the marker for a
   # container, and dpkg's policy-rc.d would keep packages from starting their services
   rm -f /newroot/.dockerenv /newroot/usr/sbin/policy-rc.d
 else
-  # everything the guest writes lands on tmpfs or on the run's share, never on the host
-  mount -t tmpfs -o mode=1777 tmpfs /newroot/tmp
+  # the host's run-time state means nothing here
   mount -t tmpfs -o mode=755 tmpfs /newroot/run
-  mount -t tmpfs -o mode=1777 tmpfs /newroot/var/tmp
-  mount -t tmpfs -o mode=700 tmpfs /newroot/var/lib/bluetooth
-  mkdir -p /newroot/tmp/qb-e2e
+  [ -r "/newroot$QB_E2E_GUEST_DIR/stage2.sh" ] ||
+    fail "the guest stage ($QB_E2E_GUEST_DIR/stage2.sh) is not visible in the host's root as the guest sees it"
 fi
 mount --move /share /newroot/tmp/qb-e2e
 mount --move /dev /newroot/dev

@@ -155,6 +155,10 @@ echo "---- steps (guest uptime) ----"
 cat "$out/steps.txt" 2>/dev/null || echo "(no steps recorded)"
 result=$(cat "$out/result" 2>/dev/null || echo "NO-RESULT")
 say "VM ran ${vm_s}s, qemu exit $qemu_rc, result $result"
+if [ "$result" = NO-RESULT ]; then
+  # what kept the guest from starting, in the initramfs's own words
+  grep -h '^initramfs: ' "$out/console.log" 2>/dev/null | sed 's/^/e2e: the guest could not start: /'
+fi
 if [ "$result" = PASS ]; then
   exit 0
 fi

@@ -1,0 +1,176 @@
+# Sourced by scenarios.sh. The whole daemon, started as on the unit (no options, NOTIFY_SOCKET
+# captured, the real hcitool and hciconfig on hci0, bluetoothd on the system bus), with the simulated
+# settings, network and power daemons on a user bus, driven only through its D-Bus API
+# (peers/daemon_api.py) while the peers on hci1 play the air around it.
+S=com.quorbel.common.Bluetooth1
+P=/com/quorbel/common/Bluetooth1
+USER_BUS=/run/qb-user-bus
+NOTIFY=/run/qb-notify
+DAEMON_PID=
+SIM_PIDS=()
+
+api() { local name=$1; shift; peer "$name" daemon_api.py "$@"; }
+name_owned() {
+  [ "$(busctl --user call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus NameHasOwner s "$S" 2>&1)" = "b true" ]
+}
+set_prop() { busctl --user set-property "$S" "$P" "$S.$1" "$2" "$3" "$4"; }
+
+# sent_scan_response [SKIP]: the JSON of the scan response last sent to hci0 (after SKIP commands)
+sent_scan_response() {
+  (cd "$PEERS" && $PY scan_response_sent.py --trace "$OUT/btmon.txt" --skip "${1:-0}") | sed -n 's/^RESULT //p'
+}
+json_field() { $PY -c 'import json, sys; print(json.loads(sys.argv[1]).get(sys.argv[2], ""))' "$1" "$2"; }
+
+daemon_up() {
+  local daemon=$1 name
+  dbus-daemon --session --address="unix:path=$USER_BUS" --fork --print-pid >"$OUT/user-bus.pid" 2>"$OUT/user-bus.log"
+  export DBUS_SESSION_BUS_ADDRESS=unix:path=$USER_BUS
+  # auto-scan off to begin with: its pauses would blur what is on air
+  local settings='{"advertSchema": 3, "autoScanEnabled": false, "autoScanRateSecs": 4}'
+  for name in settings network power; do
+    local params=()
+    [ "$name" = settings ] && params=(-p "$settings")
+    $PY -m dbusmock --session -t "$QB_SIM_DIR/${name}_sim.py" "${params[@]}" >"$OUT/sim-$name.log" 2>&1 &
+    SIM_PIDS+=($!)
+  done
+  for name in com.quorbel.common.Settings1 com.quorbel.Network1 com.quorbel.common.Pylon1; do
+    local i
+    for i in $(seq 100); do
+      busctl --user call "$name" / org.freedesktop.DBus.Peer Ping >/dev/null 2>&1 && break
+      sleep 0.1
+    done
+  done
+  # systemd's side of sd_notify: every datagram, a line each
+  $PY -c '
+import socket, sys
+s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+s.bind(sys.argv[1])
+with open(sys.argv[2], "a", buffering=1) as out:
+    while True:
+        out.write(s.recv(4096).decode(errors="replace").replace("\n", " ") + "\n")
+' "$NOTIFY" "$OUT/daemon-notify.txt" &
+  NOTIFY_PID=$!
+  for i in $(seq 50); do [ -S "$NOTIFY" ] && break; sleep 0.1; done
+  DAEMON_T0=$(uptime_s)
+  NOTIFY_SOCKET=$NOTIFY VANTU_IDENTITY_FILE=$IDENTITY "$daemon" >"$OUT/daemon.log" 2>&1 &
+  DAEMON_PID=$!
+}
+
+daemon_down() {
+  local rc=
+  if [ -n "$DAEMON_PID" ]; then
+    kill -TERM "$DAEMON_PID" 2>/dev/null
+    wait "$DAEMON_PID"
+    rc=$?
+    DAEMON_PID=
+  fi
+  kill "${SIM_PIDS[@]}" "$NOTIFY_PID" 2>/dev/null
+  [ -s "$OUT/user-bus.pid" ] && kill "$(cat "$OUT/user-bus.pid")" 2>/dev/null
+  if [ "$rc" = 0 ]; then
+    step daemon.stopped PASS "(SIGTERM: exit status 0)"
+  elif [ -n "$rc" ]; then
+    step daemon.stopped FAIL "(SIGTERM: exit status $rc)"
+  fi
+}
+
+# switch_is NAME VALUE: BlueZ reports the switch of hci0 so, within 5 s
+switch_is() {
+  local i
+  for i in $(seq 25); do [ "$(adapter_switch "$1")" = "$2" ] && return 0; sleep 0.2; done
+  return 1
+}
+
+scenario_daemon() {
+  local daemon=${QB_E2E_DRIVER_daemon:-} t0
+  if [ -z "$daemon" ] || [ -z "${QB_SIM_DIR:-}" ]; then step scenario.daemon SKIP "(daemon or simulations not given)"; return; fi
+  t0=$(uptime_s)
+  daemon_up "$daemon"
+
+  # ---- start: ready, configured, serving
+  if wait_for_line "$OUT/daemon-notify.txt" 'READY=1' 30 && wait_for_line "$OUT/daemon.log" 'Configuration from settings:' 1 &&
+     grep -q 'Scan Response Version:  3' "$OUT/daemon.log" && name_owned &&
+     api daemon-objects objects; then
+    step daemon.start PASS "(READY=1 $(since "$DAEMON_T0")s after exec; configuration logged; $S owned; $(result_of "$OUT/daemon-objects.log"))"
+  else
+    step daemon.start FAIL "(notify: $(tr '\n' ' ' <"$OUT/daemon-notify.txt" 2>/dev/null);$(name_owned || echo " $S not owned;")
+      $(tail -n 3 "$OUT/daemon.log" | tr '\n' ' ') $(result_of "$OUT/daemon-objects.log" 2>/dev/null))"
+    daemon_down
+    return
+  fi
+
+  # ---- advertising on air: the configured schema, then V4, then off
+  local sent data version count
+  sent=$(sent_scan_response)
+  data=$(json_field "$sent" data) version=$(json_field "$sent" version) count=$(json_field "$sent" count)
+  if [ "$version" = 3 ] && peer daemon-air-v3 air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
+       --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
+    step daemon.advertising_v3 PASS "(sent and seen on air under 0x05F3: $data)"
+  else
+    step daemon.advertising_v3 FAIL "(sent: $sent; air: $(result_of "$OUT/daemon-air-v3.log"))"
+  fi
+  set_prop Advert AdvertSchema i 4
+  local i
+  for i in $(seq 50); do
+    sent=$(sent_scan_response "$count")
+    [ "$(json_field "$sent" version)" = 4 ] && break
+    sleep 0.2
+  done
+  data=$(json_field "$sent" data)
+  if [ "$(json_field "$sent" version)" = 4 ] && [ "$(busctl --user get-property "$S" "$P" "$S.Advert" AdvertSchema)" = "i 4" ] &&
+     peer daemon-air-v4 air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
+       --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
+    step daemon.advertising_v4 PASS "(AdvertSchema 4 over D-Bus: sent and seen on air: $data)"
+  else
+    step daemon.advertising_v4 FAIL "(sent: $sent; air: $(result_of "$OUT/daemon-air-v4.log"))"
+  fi
+  set_prop Advert Advertising b false
+  if [ "$(busctl --user get-property "$S" "$P" "$S.Advert" Advertising)" = "b false" ] &&
+     peer daemon-air-off air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect absent --timeout 7 --forget; then
+    step daemon.advertising_off PASS "(Advertising false over D-Bus: off the air)"
+  else
+    step daemon.advertising_off FAIL "($(result_of "$OUT/daemon-air-off.log"))"
+  fi
+  set_prop Advert Advertising b true
+
+  # ---- scanning: the camera on hci1 found through the daemon's Scan
+  if camera_up; then
+    if api daemon-scan scan --camera "$HCI1_ADDR"; then
+      step daemon.scan PASS "$(result_of "$OUT/daemon-scan.log")"
+    else
+      step daemon.scan FAIL "$(result_of "$OUT/daemon-scan.log")"
+    fi
+
+    # ---- the camera configured over real GATT, then read again
+    local before writes
+    before=$(wc -l <"$OUT/camera-transcript.jsonl" 2>/dev/null || echo 0)
+    if api daemon-configure configure --camera "$HCI1_ADDR"; then
+      step daemon.configure PASS "$(result_of "$OUT/daemon-configure.log")"
+    else
+      step daemon.configure FAIL "$(result_of "$OUT/daemon-configure.log")"
+    fi
+    writes=$(tail -n +"$((before + 1))" "$OUT/camera-transcript.jsonl" |
+      sed -n 's/.*"event": "write".*"text": "\([^"]*\)".*/\1/p' | tr '\n' ' ')
+    if [[ "$writes" == 'RV\r RF\r RP\r WPZ\r WF5.0G\r '* ]]; then
+      step daemon.camera_commands PASS "(camera received: $writes)"
+    else
+      step daemon.camera_commands FAIL "(camera received: ${writes:-nothing})"
+    fi
+    camera_down
+  fi
+
+  # ---- the radio's switches written over D-Bus, as BlueZ itself then reports them
+  local sw orig value
+  for sw in Pairable Discoverable Powered; do
+    orig=$(adapter_switch "$sw")
+    for value in $([ "$orig" = true ] && echo "false true" || echo "true false"); do
+      if api "daemon-$sw-$value" switch "$sw" "$value" && switch_is "$sw" "$value"; then
+        step "daemon.radio.$sw=$value" PASS "(BlueZ: $(adapter_switch "$sw"))"
+      else
+        step "daemon.radio.$sw=$value" FAIL "(BlueZ: $(adapter_switch "$sw")) $(result_of "$OUT/daemon-$sw-$value.log")"
+      fi
+    done
+  done
+
+  daemon_down
+  took scenario.daemon "$t0"
+}
