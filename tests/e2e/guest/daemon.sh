@@ -73,6 +73,18 @@ daemon_down() {
   fi
 }
 
+# bluetoothd_alive STEP: bluetoothd 5.66 has been seen to abort ("munmap_chunk(): invalid pointer")
+# in the emulated link's teardown after a camera went away; that is BlueZ's fault, not the daemon's.
+# It is noted, its log kept, and it is started again, so that what follows still tests the daemon.
+bluetoothd_alive() {
+  kill -0 "$BLUETOOTHD_PID" 2>/dev/null && return 0
+  cp "$OUT/bluetoothd.log" "$OUT/bluetoothd-died-$1.log"
+  note "$1" "bluetoothd died: $(tail -n 1 "$OUT/bluetoothd.log"); started again (log: bluetoothd-died-$1.log)"
+  /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd.log" 2>&1 &
+  BLUETOOTHD_PID=$!
+  peer "wait_adapters-$1" wait_adapters.py hci0 hci1
+}
+
 # switch_is NAME VALUE: BlueZ reports the switch of hci0 so, within 5 s
 switch_is() {
   local i
@@ -92,8 +104,7 @@ scenario_daemon() {
      api daemon-objects objects; then
     step daemon.start PASS "(READY=1 $(since "$DAEMON_T0")s after exec; configuration logged; $S owned; $(result_of "$OUT/daemon-objects.log"))"
   else
-    step daemon.start FAIL "(notify: $(tr '\n' ' ' <"$OUT/daemon-notify.txt" 2>/dev/null);$(name_owned || echo " $S not owned;")
-      $(tail -n 3 "$OUT/daemon.log" | tr '\n' ' ') $(result_of "$OUT/daemon-objects.log" 2>/dev/null))"
+    step daemon.start FAIL "(notify: $(tr '\n' ' ' <"$OUT/daemon-notify.txt" 2>/dev/null);$(name_owned || echo " $S not owned;") $(tail -n 3 "$OUT/daemon.log" | tr '\n' ' ') $(result_of "$OUT/daemon-objects.log" 2>/dev/null))"
     daemon_down
     return
   fi
@@ -156,6 +167,7 @@ scenario_daemon() {
       step daemon.camera_commands FAIL "(camera received: ${writes:-nothing})"
     fi
     camera_down
+    bluetoothd_alive daemon.camera
   fi
 
   # ---- the radio's switches written over D-Bus, as BlueZ itself then reports them
@@ -171,6 +183,84 @@ scenario_daemon() {
     done
   done
 
+  daemon_faults "$daemon"
   daemon_down
   took scenario.daemon "$t0"
+}
+
+# failures_logged: how many failed scans the daemon has logged so far (one line each)
+failures_logged() { grep -c -F 'Error when scanning for devices... rebooting radio' "$OUT/daemon.log"; }
+
+# A fresh start with auto-scan on at a short rate: it finds the camera by itself and carries a battery
+# change to the air; then bluetoothd dies under it and comes back.
+daemon_faults() {
+  local daemon=$1 sent count before data i
+  kill -TERM "$DAEMON_PID" && wait "$DAEMON_PID"
+  DAEMON_PID=
+  bluetoothd_alive daemon.radio
+  local settings=com.quorbel.common.Settings1 section=/com/quorbel/common/Settings1/bluetooth
+  busctl --user call "$settings" "$section" org.freedesktop.DBus.Mock SetProp sv autoScanRateSecs u 2 &&
+    busctl --user call "$settings" "$section" org.freedesktop.DBus.Mock SetProp sv autoScanEnabled b true ||
+    step daemon.autoscan FAIL "(the settings simulation refused the auto-scan settings)"
+  camera_up
+  (cd "$PEERS" && exec $PY daemon_api.py discovered --camera "$HCI1_ADDR" --timeout 60) >"$OUT/daemon-discovered.log" 2>&1 &
+  local watcher=$!
+  wait_for_line "$OUT/daemon-discovered.log" '^WATCHING' 10
+  NOTIFY_SOCKET=$NOTIFY VANTU_IDENTITY_FILE=$IDENTITY "$daemon" >"$OUT/daemon.log" 2>&1 &
+  DAEMON_PID=$!
+  if wait "$watcher"; then
+    step daemon.autoscan PASS "(auto-scan every 2 s found the camera by itself) $(result_of "$OUT/daemon-discovered.log")"
+  else
+    step daemon.autoscan FAIL "$(result_of "$OUT/daemon-discovered.log")"
+  fi
+
+  # ---- a battery change reaches the air with the next auto-scan
+  sent=$(sent_scan_response)
+  count=$(json_field "$sent" count) before=$(json_field "$sent" data)
+  "$QB_SIM_DIR/unitctl" battery 1 12 10 >"$OUT/unitctl.log" 2>&1
+  local deadline=$(($(date +%s) + 30))
+  while [ "$(date +%s)" -lt "$deadline" ]; do
+    sent=$(sent_scan_response "$count")
+    data=$(json_field "$sent" data)
+    [ -n "$data" ] && [ "${data:6:2}" != "${before:6:2}" ] && break
+    sleep 0.5
+  done
+  if [ -n "$data" ] && [ "${data:6:2}" != "${before:6:2}" ] &&
+     peer daemon-air-battery air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
+       --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
+    step daemon.battery_on_air PASS "(battery octet ${before:6:2} -> ${data:6:2}, sent and seen on air: $data)"
+  else
+    step daemon.battery_on_air FAIL "(before $before, sent now: $sent; air: $(result_of "$OUT/daemon-air-battery.log" 2>/dev/null))"
+  fi
+
+  # ---- bluetoothd killed under the running auto-scan, then back
+  local failures_before answered=yes
+  failures_before=$(failures_logged)
+  kill -KILL "$BLUETOOTHD_PID"
+  wait "$BLUETOOTHD_PID" 2>/dev/null
+  camera_down
+  for i in 1 2 3; do
+    sleep 2
+    # a period that fails holds the loop for its radio reboots (2 s each): calls wait, then get answers
+    busctl --user --timeout=30 get-property "$S" "$P" "$S.Radio" Powered >/dev/null 2>&1 || answered=no
+  done
+  local failures_during
+  failures_during=$(( $(failures_logged) - failures_before ))
+  if kill -0 "$DAEMON_PID" 2>/dev/null && [ "$answered" = yes ] && [ "$failures_during" -ge 1 ]; then
+    step daemon.bluez_gone PASS "(without bluetoothd: every D-Bus call answered, $failures_during failures logged)"
+  else
+    step daemon.bluez_gone FAIL "(alive: $(kill -0 "$DAEMON_PID" 2>/dev/null && echo yes || echo no), answered: $answered, failures logged: $failures_during)"
+  fi
+  /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd-again.log" 2>&1 &
+  BLUETOOTHD_PID=$!
+  peer wait_adapters-again wait_adapters.py hci0 hci1 || note daemon.bluez_back "adapters not back: $(tail -n 1 "$OUT/wait_adapters-again.log")"
+  # the camera comes back with another payload text: only a scan through the new bluetoothd knows it
+  camera_up KelpAgain
+  if api daemon-found-again listed --camera "$HCI1_ADDR" --ssid KelpAgain --timeout 60 &&
+     kill -0 "$DAEMON_PID" 2>/dev/null; then
+    step daemon.bluez_back PASS "(bluetoothd restarted: the daemon, never restarted, found the camera again) $(result_of "$OUT/daemon-found-again.log")"
+  else
+    step daemon.bluez_back FAIL "$(result_of "$OUT/daemon-found-again.log")"
+  fi
+  camera_down
 }

@@ -98,9 +98,11 @@ scenario_advertise() {
 
 # ---- the remote camera on hci1, shared by scenarios 2 and 3 ------------------------------------
 CAMERA_PID=
+# camera_up [SSID]: the camera advertising SSID as its payload text (default its own)
 camera_up() {
   [ -n "$CAMERA_PID" ] && return 0
-  (cd "$PEERS" && exec $PY camera_peripheral.py --adapter hci1 --transcript "$OUT/camera-transcript.jsonl") \
+  (cd "$PEERS" && exec $PY camera_peripheral.py --adapter hci1 --transcript "$OUT/camera-transcript.jsonl" \
+     ${1:+--ssid "$1"}) \
     >"$OUT/camera-peripheral.log" 2>&1 &
   CAMERA_PID=$!
   if wait_for_line "$OUT/camera-peripheral.log" 'READY camera' 60; then

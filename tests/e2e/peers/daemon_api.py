@@ -11,6 +11,10 @@ that is not what the daemon must do.
   configure --camera ADDR      ConfigKelpBle answers at once; ConfiguredKelpBle (true, the camera)
                                follows; ReadKelpBle then brings NewKelpBleData for it
   switch NAME true|false       writes a Radio switch (Powered, Pairable, Discoverable) and reads it back
+  discovered --camera ADDR     waits, without asking, for DiscoveredRemoteCamera of the camera (the
+                               auto-scan's finding); RemoteCameras then holds it
+  listed --camera ADDR --ssid TEXT
+                               waits until RemoteCameras holds the camera with that payload text
 """
 
 import argparse
@@ -148,6 +152,33 @@ def switch(bus, args):
     return seen == value
 
 
+def discovered(bus, args):
+    signals = Signals(bus)
+    started = time.monotonic()
+    print("WATCHING", flush=True)
+    mine = lambda: [d for d in (json.loads(s[0]) for s in signals.of("DiscoveredRemoteCamera"))
+                    if d.get("mac", "").upper() == args.camera.upper()]
+    found = signals.wait(mine, args.timeout)
+    took = time.monotonic() - started
+    cameras = json.loads(str(get(bus, SCANNER, "RemoteCameras"))) if found else []
+    ok = found and len(mine()) == 1 and len(find(cameras, args.camera)) == 1
+    result(ok, seconds=round(took, 2), announced=len(mine()), listed=len(find(cameras, args.camera)))
+    return ok
+
+
+def listed(bus, args):
+    started = time.monotonic()
+    seen = None
+    while time.monotonic() - started < args.timeout:
+        camera = find(json.loads(str(get(bus, SCANNER, "RemoteCameras"))), args.camera)
+        seen = camera[0]["remote-cam-info"].get("ssid") if camera else None
+        if seen == args.ssid:
+            break
+        time.sleep(0.5)
+    result(seen == args.ssid, seconds=round(time.monotonic() - started, 2), ssid=seen)
+    return seen == args.ssid
+
+
 def main():
     parser = argparse.ArgumentParser()
     sub = parser.add_subparsers(dest="command", required=True)
@@ -163,10 +194,18 @@ def main():
     p = sub.add_parser("switch")
     p.add_argument("name", choices=["Powered", "Pairable", "Discoverable"])
     p.add_argument("value", choices=["true", "false"])
+    p = sub.add_parser("discovered")
+    p.add_argument("--camera", required=True)
+    p.add_argument("--timeout", type=int, default=60)
+    p = sub.add_parser("listed")
+    p.add_argument("--camera", required=True)
+    p.add_argument("--ssid", required=True)
+    p.add_argument("--timeout", type=int, default=60)
     args = parser.parse_args()
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     bus = dbus.SessionBus()
-    commands = {"objects": objects, "scan": scan, "configure": configure, "switch": switch}
+    commands = {"objects": objects, "scan": scan, "configure": configure, "switch": switch,
+                "discovered": discovered, "listed": listed}
     sys.exit(0 if commands[args.command](bus, args) else 1)
 
 

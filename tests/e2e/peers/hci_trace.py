@@ -15,7 +15,7 @@ from btpeer import log, result
 
 ADVERTISING_OPCODES = {"0x0006": "parameters", "0x0008": "data", "0x0009": "scan-response",
                        "0x000a": "enable"}
-COMMAND = re.compile(r"^< HCI Command: .*\(0x08\|(0x[0-9a-f]{4})\) plen (\d+).*\[(hci\d+)\]")
+COMMAND = re.compile(r"^< HCI Command:.*\(0x08\|(0x[0-9a-f]{4})\) plen (\d+).*\[(hci\d+)\]")
 COMPLETE = re.compile(r"^> HCI Event: Command Com.*\[(hci\d+)\]")
 COMPLETE_OPCODE = re.compile(r"\(0x08\|(0x[0-9a-f]{4})\)")
 STATUS = re.compile(r"Status: (.*) \((0x[0-9a-f]{2})\)")

@@ -12,7 +12,7 @@ import sys
 
 from btpeer import COMPANY_ID, result
 
-COMMAND = re.compile(r"^< HCI Command: .*\(0x08\|0x0009\) plen \d+.*\[(hci\d+)\]")
+COMMAND = re.compile(r"^< HCI Command:.*\(0x08\|0x0009\) plen \d+.*\[(hci\d+)\]")
 HEX_LINE = re.compile(r"^ {8}((?:[0-9a-f]{2} )+)")
 
 
