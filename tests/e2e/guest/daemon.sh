@@ -1,7 +1,7 @@
 # Sourced by scenarios.sh. The whole daemon, started as on the unit (no options, NOTIFY_SOCKET
 # captured, the real hcitool and hciconfig on hci0, bluetoothd on the system bus), with the simulated
 # settings, network and power daemons on a user bus, driven only through its D-Bus API
-# (peers/daemon_api.py) while the peers on hci1 play the air around it.
+# (peers/daemon_api.py) while the peers on hci1 and hci2 play the air around it.
 S=com.quorbel.common.Bluetooth1
 P=/com/quorbel/common/Bluetooth1
 USER_BUS=/run/qb-user-bus
@@ -82,7 +82,23 @@ bluetoothd_alive() {
   note "$1" "bluetoothd died: $(tail -n 1 "$OUT/bluetoothd.log"); started again (log: bluetoothd-died-$1.log)"
   /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd.log" 2>&1 &
   BLUETOOTHD_PID=$!
-  peer "wait_adapters-$1" wait_adapters.py hci0 hci1
+  peer "wait_adapters-$1" wait_adapters.py "${CONTROLLERS[@]}"
+}
+
+# unit_up / unit_down: another unit on hci2, advertising a schema-4 payload as the daemon does
+OTHER_SERIAL=QBE2E0077
+UNIT_PID=
+unit_up() {
+  (cd "$PEERS" && exec $PY unit_advertiser.py --adapter hci2 --serial "$OTHER_SERIAL") >"$OUT/unit-advertiser.log" 2>&1 &
+  UNIT_PID=$!
+  wait_for_line "$OUT/unit-advertiser.log" 'READY unit' 10 ||
+    note daemon.other_unit "not advertising: $(tail -n 2 "$OUT/unit-advertiser.log" | tr '\n' ' ')"
+}
+unit_down() {
+  [ -n "$UNIT_PID" ] || return 0
+  kill "$UNIT_PID" 2>/dev/null
+  wait "$UNIT_PID" 2>/dev/null
+  UNIT_PID=
 }
 
 # switch_is NAME VALUE: BlueZ reports the switch of hci0 so, within 5 s
@@ -143,13 +159,15 @@ scenario_daemon() {
   fi
   set_prop Advert Advertising b true
 
-  # ---- scanning: the camera on hci1 found through the daemon's Scan
+  # ---- scanning: the camera on hci1 and another unit on hci2 found through the daemon's Scan
   if camera_up; then
-    if api daemon-scan scan --camera "$HCI1_ADDR"; then
+    unit_up
+    if api daemon-scan scan --camera "$HCI1_ADDR" --unit "$HCI2_ADDR" --unit-name "$OTHER_SERIAL"; then
       step daemon.scan PASS "$(result_of "$OUT/daemon-scan.log")"
     else
       step daemon.scan FAIL "$(result_of "$OUT/daemon-scan.log")"
     fi
+    unit_down
 
     # ---- the camera configured over real GATT, then read again
     local before writes
@@ -253,7 +271,7 @@ daemon_faults() {
   fi
   /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd-again.log" 2>&1 &
   BLUETOOTHD_PID=$!
-  peer wait_adapters-again wait_adapters.py hci0 hci1 || note daemon.bluez_back "adapters not back: $(tail -n 1 "$OUT/wait_adapters-again.log")"
+  peer wait_adapters-again wait_adapters.py "${CONTROLLERS[@]}" || note daemon.bluez_back "adapters not back: $(tail -n 1 "$OUT/wait_adapters-again.log")"
   # the camera comes back with another payload text: only a scan through the new bluetoothd knows it
   camera_up KelpAgain
   if api daemon-found-again listed --camera "$HCI1_ADDR" --ssid KelpAgain --timeout 60 &&

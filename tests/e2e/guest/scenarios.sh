@@ -1,8 +1,8 @@
 #!/bin/bash
 # The end-to-end scenarios, run inside the guest by stage2.sh, all on one boot. hci0 is the unit's
 # adapter, driven by the project's code through the drivers built on the host; hci1 belongs to the
-# peers (a BlueZ scanner, a remote camera). Verdicts go to $OUT/steps.txt, the overall one to
-# $OUT/result (PASS or FAIL).
+# peers (a BlueZ scanner, a remote camera), hci2 to another unit. Verdicts go to $OUT/steps.txt, the
+# overall one to $OUT/result (PASS or FAIL).
 . "$QB_E2E_GUEST_DIR/stack.sh"
 . "$QB_E2E_GUEST_DIR/daemon.sh"
 : >"$STEPS"
@@ -17,15 +17,16 @@ wanted() { [ "$QB_E2E_SCENARIOS" = all ] || [[ ",$QB_E2E_SCENARIOS," == *",$1,"*
 
 # ---- smoke: the stack itself -------------------------------------------------------------------
 scenario_smoke() {
-  local t0 ok=PASS
+  local t0 ok=PASS hci
   t0=$(uptime_s)
-  [ -e /sys/class/bluetooth/hci0 ] && [ -e /sys/class/bluetooth/hci1 ] || ok=FAIL
-  hciconfig hci0 | grep -q 'UP RUNNING' || ok=FAIL
-  hciconfig hci1 | grep -q 'UP RUNNING' || ok=FAIL
   dbus-send --system --print-reply --dest=org.bluez / org.freedesktop.DBus.ObjectManager.GetManagedObjects \
     >"$OUT/smoke-objects.txt" 2>&1 || ok=FAIL
-  grep -q '/org/bluez/hci0' "$OUT/smoke-objects.txt" && grep -q '/org/bluez/hci1' "$OUT/smoke-objects.txt" || ok=FAIL
-  step scenario.smoke "$ok" "(sysfs hci0+hci1, both UP RUNNING, org.bluez lists both adapters; $(since "$t0")s)"
+  for hci in "${CONTROLLERS[@]}"; do
+    [ -e "/sys/class/bluetooth/$hci" ] || ok=FAIL
+    hciconfig "$hci" | grep -q 'UP RUNNING' || ok=FAIL
+    grep -q "/org/bluez/$hci" "$OUT/smoke-objects.txt" || ok=FAIL
+  done
+  step scenario.smoke "$ok" "(sysfs ${CONTROLLERS[*]}, each UP RUNNING and listed by org.bluez; $(since "$t0")s)"
 }
 
 # ---- 1: advertising on air ---------------------------------------------------------------------

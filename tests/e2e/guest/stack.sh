@@ -1,6 +1,7 @@
 # Sourced inside the guest. The real Bluetooth stack and the bookkeeping of the scenarios:
-#   stack_up      modules, system bus, btmon, two emulated controllers, bluetoothd, adapters powered;
-#                 sets HCI0_ADDR (the unit's adapter) and HCI1_ADDR (the peers' adapter)
+#   stack_up      modules, system bus, btmon, three emulated controllers, bluetoothd, adapters powered;
+#                 sets HCI0_ADDR (the unit's adapter), HCI1_ADDR (the camera's and the scanner's) and
+#                 HCI2_ADDR (another unit's)
 #   stack_down    stops what stack_up started
 #   step NAME PASS|FAIL|SKIP [detail]   one verdict line in $OUT/steps.txt
 #   took NAME T0                         one timing line there
@@ -44,15 +45,17 @@ wait_for_line() {
   done
 }
 
+CONTROLLERS=(hci0 hci1 hci2)
+
 controllers_state() {
   local hci
-  for hci in hci0 hci1; do
+  for hci in "${CONTROLLERS[@]}"; do
     printf '%s=%s ' "$hci" "$(timeout 2 hciconfig "$hci" 2>/dev/null | awk '/BD Address/ { print $3 }')"
   done
 }
 controllers_ready() {
   local hci address
-  for hci in hci0 hci1; do
+  for hci in "${CONTROLLERS[@]}"; do
     address=$(timeout 2 hciconfig "$hci" 2>/dev/null | awk '/BD Address/ { print $3 }')
     [ -n "$address" ] && [ "$address" != 00:00:00:00:00:00 ] || return 1
   done
@@ -63,7 +66,7 @@ controllers_ready() {
 # the controller stays without address. Such a start is detected and retried.
 start_controllers() {
   local i
-  nice -n -10 btvirt -L -l2 >>"$OUT/btvirt.log" 2>&1 &
+  nice -n -10 btvirt -L -l${#CONTROLLERS[@]} >>"$OUT/btvirt.log" 2>&1 &
   BTVIRT_PID=$!
   local deadline=$(($(date +%s) + 8))
   while [ "$(date +%s)" -lt "$deadline" ]; do
@@ -103,7 +106,7 @@ stack_up() {
     kill "$BTVIRT_PID" 2>/dev/null
     wait "$BTVIRT_PID" 2>/dev/null
     # the kernel lets go of a stuck controller only when its Reset has timed out
-    for i in $(seq 200); do [ -e /sys/class/bluetooth/hci0 ] || [ -e /sys/class/bluetooth/hci1 ] || break; sleep 0.1; done
+    for i in $(seq 200); do ls /sys/class/bluetooth/hci* >/dev/null 2>&1 || break; sleep 0.1; done
   done
   if [ "$attempt" = 3 ] && ! controllers_ready; then
     step stack.controllers FAIL "($(controllers_state))"
@@ -113,7 +116,7 @@ stack_up() {
 
   /usr/libexec/bluetooth/bluetoothd -n -d >"$OUT/bluetoothd.log" 2>&1 &
   BLUETOOTHD_PID=$!
-  if peer wait_adapters wait_adapters.py hci0 hci1; then
+  if peer wait_adapters wait_adapters.py "${CONTROLLERS[@]}"; then
     step stack.bluetoothd PASS "$(result_of "$OUT/wait_adapters.log")"
   else
     step stack.bluetoothd FAIL "($(tail -n 2 "$OUT/wait_adapters.log" | tr '\n' ' '))"
@@ -121,9 +124,10 @@ stack_up() {
   fi
   HCI0_ADDR=$(hciconfig hci0 | awk '/BD Address/ { print $3 }')
   HCI1_ADDR=$(hciconfig hci1 | awk '/BD Address/ { print $3 }')
-  export HCI0_ADDR HCI1_ADDR
+  HCI2_ADDR=$(hciconfig hci2 | awk '/BD Address/ { print $3 }')
+  export HCI0_ADDR HCI1_ADDR HCI2_ADDR
   { hciconfig -a; btmgmt info; } >"$OUT/controllers.txt" 2>&1
-  echo "stack: up in $(since "$t0")s: hci0=$HCI0_ADDR hci1=$HCI1_ADDR"
+  echo "stack: up in $(since "$t0")s: hci0=$HCI0_ADDR hci1=$HCI1_ADDR hci2=$HCI2_ADDR"
 }
 
 stack_down() {

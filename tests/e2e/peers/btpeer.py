@@ -2,6 +2,7 @@
 conversion of dbus values into plain Python for JSON, and polling."""
 
 import json
+import socket
 import sys
 import time
 
@@ -31,6 +32,34 @@ def result(ok, **fields):
     """One machine-readable line that the scenario script greps for."""
     fields["ok"] = bool(ok)
     print("RESULT " + json.dumps(fields, sort_keys=True), flush=True)
+
+
+class RawHci:
+    """Commands sent straight to a controller through a raw HCI socket, as hcitool sends them. No
+    answer is awaited: the kernel queues a socket's commands and sends them in order."""
+
+    def __init__(self, index):
+        self.sock = socket.socket(socket.AF_BLUETOOTH, socket.SOCK_RAW, socket.BTPROTO_HCI)
+        self.sock.bind((index,))
+
+    def command(self, opcode, params=b""):
+        params = bytes(params)
+        self.sock.send(bytes([0x01, opcode & 0xFF, opcode >> 8, len(params)]) + params)
+
+
+class AdvertisingPulser(RawHci):
+    """Switches the controller's advertising off and on again, as cheaply as possible: the emulated
+    controller reports an advertiser to scanners only at such an "on" edge, and a scan pass of the
+    unit lasts a few tens of milliseconds. What the controller advertises is left as it was set."""
+
+    SET_ADVERTISE_ENABLE = 0x200A  # OGF 0x08, OCF 0x000a
+
+    def enable(self, on):
+        self.command(self.SET_ADVERTISE_ENABLE, [1 if on else 0])
+
+    def pulse(self):
+        self.enable(False)
+        self.enable(True)
 
 
 def managed_objects(bus):

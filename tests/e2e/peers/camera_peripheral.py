@@ -24,7 +24,6 @@ scanning is switched on."""
 import argparse
 import json
 import signal
-import socket
 import sys
 import time
 
@@ -35,7 +34,7 @@ from gi.repository import GLib
 
 from btpeer import (ADAPTER, ADVERTISEMENT, ADVERTISING_MANAGER, BLUEZ, COMPANY_ID, DEVICE,
                     GATT_CHARACTERISTIC, GATT_MANAGER, GATT_SERVICE, OBJECT_MANAGER, PROPERTIES,
-                    adapter_path, log, managed_objects)
+                    AdvertisingPulser, adapter_path, log, managed_objects)
 
 SERVICE_UUID = "fdeafdea-0000-1000-8000-00805f9b34fb"
 COMMAND_UUID = "fdea0001-0000-1000-8000-00805f9b34fb"
@@ -110,27 +109,6 @@ class Camera:
                 self.boot_wifi()
         else:
             self._record({"event": "unknown", "hex": data.hex()})
-
-
-class AdvertisingPulser:
-    """Switches the controller's advertising off and on again through a raw HCI socket, as cheaply as
-    possible: the emulated controller reports an advertiser to scanners only at such an "on" edge,
-    and a scan pass of the unit lasts a few tens of milliseconds. The controller's own state (what it
-    advertises, and bluetoothd's view of it) is left as bluetoothd set it."""
-
-    SET_ADVERTISE_ENABLE = 0x200A  # OGF 0x08, OCF 0x000a
-
-    def __init__(self, index):
-        self.sock = socket.socket(socket.AF_BLUETOOTH, socket.SOCK_RAW, socket.BTPROTO_HCI)
-        self.sock.bind((index,))
-
-    def command(self, enable):
-        opcode = self.SET_ADVERTISE_ENABLE
-        self.sock.send(bytes([0x01, opcode & 0xFF, opcode >> 8, 0x01, enable]))
-
-    def pulse(self):
-        self.command(0x00)
-        self.command(0x01)
 
 
 class Advertisement(dbus.service.Object):

@@ -4,10 +4,11 @@ the unit's other programs drive it. Each command prints what it saw as a RESULT 
 that is not what the daemon must do.
 
   objects                      the object manager lists the one object with the three interfaces
-  scan --camera ADDR           Scan (again, up to --passes times) lists the camera as a remote
-                               camera with its payload;
-                               DiscoveredRemoteCamera comes once for it; ScannedDevices and
-                               RemoteCameras agree with the Scan
+  scan --camera ADDR [--unit ADDR --unit-name NAME]
+                               Scan (again, up to --passes times) lists the camera as a remote
+                               camera with its payload, and the other unit (a schema-4 payload:
+                               listed, its payload fields not taken); DiscoveredRemoteCamera comes
+                               once for each; ScannedDevices and RemoteCameras agree with the Scan
   configure --camera ADDR      ConfigKelpBle answers at once; ConfiguredKelpBle (true, the camera)
                                follows; ReadKelpBle then brings NewKelpBleData for it
   switch NAME true|false       writes a Radio switch (Powered, Pairable, Discoverable) and reads it back
@@ -86,7 +87,7 @@ def scan(bus, args):
         text = str(call(bus, SCANNER, "Scan", timeout=90))
         devices = json.loads(text)
         log("Scan %d: %s" % (attempt, [d.get("mac") for d in devices]))
-        if find(devices, args.camera):
+        if find(devices, args.camera) and (not args.unit or find(devices, args.unit)):
             break
         signals.pump(args.gap)
     took = time.monotonic() - started
@@ -104,6 +105,9 @@ def scan(bus, args):
         problems.append("the camera's payload text is %r, not %r" % (camera[0]["remote-cam-info"].get("ssid"), args.ssid))
     if len(announced) != 1:
         problems.append("DiscoveredRemoteCamera came %d times for the camera" % len(announced))
+    unit = find(devices, args.unit) if args.unit else []
+    if args.unit:
+        problems += other_unit_problems(unit, args.unit_name, discovered, find(cameras, args.unit))
     if sorted(d["mac"] for d in scanned) != sorted(d["mac"] for d in devices):
         problems.append("ScannedDevices lists other devices than the Scan")
     if find(cameras, args.camera) != camera:
@@ -112,8 +116,29 @@ def scan(bus, args):
         problems.append("RemoteCameras holds a device that is no camera")
     result(not problems, problems=problems, seconds=round(took, 2), scans=attempt,
            devices=[d.get("mac") for d in devices],
-           camera=camera[0] if camera else None, discovered=len(announced))
+           camera=camera[0] if camera else None, discovered=len(announced),
+           unit=unit[0] if unit else None)
     return not problems
+
+
+def other_unit_problems(unit, name, discovered, in_cameras):
+    """Another unit's schema-4 payload with a device type of 1..9: listed like a remote camera, but
+    only a schema-3 payload has its fields taken, so its device type, address and text stay empty."""
+    if len(unit) != 1:
+        return ["Scan did not list the other unit once"]
+    problems = []
+    unit = unit[0]
+    info = unit.get("remote-cam-info", {})
+    if unit.get("type") != 1 or unit.get("name") != name:
+        problems.append("the other unit is listed as type %r named %r" % (unit.get("type"), unit.get("name")))
+    if info.get("deviceType", {}).get("number") != 0 or info.get("ssid") != "" or \
+            info.get("ipAddress", {}).get("number") != 0:
+        problems.append("the other unit's schema-4 payload was taken: %r" % info)
+    if in_cameras != [unit]:
+        problems.append("RemoteCameras does not hold the other unit as the Scan gave it")
+    if len([d for d in discovered if d.get("mac", "").upper() == unit["mac"].upper()]) != 1:
+        problems.append("DiscoveredRemoteCamera did not come once for the other unit")
+    return problems
 
 
 def configure(bus, args):
@@ -186,6 +211,8 @@ def main():
     p = sub.add_parser("scan")
     p.add_argument("--camera", required=True)
     p.add_argument("--ssid", default="KelpAP")
+    p.add_argument("--unit")
+    p.add_argument("--unit-name")
     p.add_argument("--passes", type=int, default=25)
     p.add_argument("--gap", type=float, default=1.0)
     p = sub.add_parser("configure")

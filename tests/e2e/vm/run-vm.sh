@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # End-to-end tier: boots Debian's own kernel in qemu with the host's root shared read-only over
 # virtio-9p, and runs inside it the real Bluetooth stack (bluetooth + hci_vhci modules, dbus-daemon,
-# two btvirt controllers hci0/hci1, bluetoothd) with the scenarios of tests/e2e/guest/scenarios.sh.
+# three btvirt controllers hci0-hci2, bluetoothd) with the scenarios of tests/e2e/guest/scenarios.sh.
 # Binaries built on the host run in the guest unchanged.
 #
 #   run-vm.sh --build-dir DIR [--install-deps SCRIPT] [--driver NAME=PATH ...]
