@@ -1,6 +1,7 @@
 #include "backend/TinybScanner.h"
 
 #include <stdexcept>
+#include <unordered_set>
 
 #include "backend/TinybRadio.h"
 #include "logging/Log.h"
@@ -63,15 +64,14 @@ bool TinybScanner::StopDiscovery() {
     return true;
 }
 
-void TinybScanner::Register(tinyb::BluetoothDevice& device) {
+void TinybScanner::Register(tinyb::BluetoothDevice& device, AddressIndex& known) {
     std::shared_ptr<ScannedDevice::Base> candidate = MakeScannedDevice(device);
-    for (const auto& known : devices) {
-        if (known->Mac() == candidate->Mac()) {
-            // Known by address: only its credit is renewed; what was decoded at first sight stays.
-            known->SetMissCredit(kMissCredit);
-            known->SetSeen(true);
-            return;
-        }
+    const auto found = known.find(candidate->Mac());
+    if (found != known.end()) {
+        // Known by address: only its credit is renewed; what was decoded at first sight stays.
+        found->second->SetMissCredit(kMissCredit);
+        found->second->SetSeen(true);
+        return;
     }
     candidate->SetMissCredit(kMissCredit);
     candidate->SetSeen(true);
@@ -79,6 +79,7 @@ void TinybScanner::Register(tinyb::BluetoothDevice& device) {
         std::lock_guard<std::mutex> lock(devicesMutex);
         devices.push_back(candidate);
     }
+    known.emplace(candidate->Mac(), candidate.get());
     Logging::Log(LOG_INFO, "**NEW** Device Discovered:");
     if (candidate->Type() == ScannedDevice::kRemoteCameraType)
         newRemoteCamera.emit(ScannedDevice::DumpJson(candidate->ToJson()));
@@ -91,25 +92,18 @@ void TinybScanner::Register(tinyb::BluetoothDevice& device) {
 
 void TinybScanner::Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>>& present) {
     // Presence is judged by name here, although Register() matched by address: both keys are deliberate.
-    std::vector<std::string> names;
+    std::unordered_set<std::string> names;
     names.reserve(present.size());
     for (const auto& device : present) {
         try {
-            names.push_back(device->get_name());
+            names.insert(device->get_name());
         } catch (const tinyb::BluetoothException& e) {
             // BlueZ dropped the device since the list was fetched: it counts as absent.
             Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", "Scan", e.what());
         }
     }
     for (auto entry = devices.begin(); entry != devices.end();) {
-        bool found = false;
-        for (const auto& name : names) {
-            if (name == (*entry)->Name()) {
-                found = true;
-                break;
-            }
-        }
-        if (found) {
+        if (names.count((*entry)->Name()) != 0) {
             ++entry;
         } else if ((*entry)->MissCredit() < 1) {
             Logging::Log(LOG_WARNING, "[SCAN] removing {%s} from internal list as it seems to be unavailable",
@@ -131,9 +125,13 @@ int TinybScanner::Scan() {
         result = -1;
     // No wait after starting: the pass works on BlueZ's current device cache.
     std::vector<std::unique_ptr<tinyb::BluetoothDevice>> listed = FetchDevices();
+    AddressIndex known;
+    known.reserve(devices.size() + listed.size());
+    for (const auto& device : devices)
+        known.emplace(device->Mac(), device.get());
     for (const auto& device : listed) {
         try {
-            Register(*device);
+            Register(*device, known);
         } catch (const tinyb::BluetoothException& e) {
             // The device vanished while it was being read; it will be judged by the ageing step.
             Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", "Scan", e.what());

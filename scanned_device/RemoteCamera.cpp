@@ -30,8 +30,11 @@ std::string RemoteCamera::WiFiFrequency() const {
 }
 
 void RemoteCamera::SetWiFiFrequency(const std::string& value) {
-    std::lock_guard<std::mutex> lock(frequencyMutex);
-    wifiFrequency = value;
+    {
+        std::lock_guard<std::mutex> lock(frequencyMutex);
+        wifiFrequency = value;
+    }
+    Changed();
 }
 
 nlohmann::json RemoteCamera::ToJson() const {

@@ -1,5 +1,6 @@
 #include "scanned_device/ScannedDevice.h"
 
+#include "scanned_device/Json.h"
 #include "vocabulary/Vocabulary.h"
 
 namespace ScannedDevice {
@@ -17,6 +18,20 @@ std::string ClassNameFor(uint32_t deviceClass) {
 }
 
 Base::Base() : typeNames{{kGenericType, "Generic"}, {kRemoteCameraType, "RemoteCamera"}, {kHidType, "HID"}} {}
+
+void Base::AppendJsonText(std::string& out) const {
+    std::lock_guard<std::mutex> lock(jsonMutex);
+    if (!jsonCurrent) {
+        jsonText = DumpJson(ToJson());
+        jsonCurrent = true;
+    }
+    out += jsonText;
+}
+
+void Base::Changed() {
+    std::lock_guard<std::mutex> lock(jsonMutex);
+    jsonCurrent = false;
+}
 
 std::string Base::TypeName() const {
     return NameOr(typeNames, type);

@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "backend/Scanner.h"
@@ -61,7 +62,10 @@ class TinybScanner final : public Scanner {
     bool StartDiscovery();
     std::vector<std::unique_ptr<tinyb::BluetoothDevice>> FetchDevices();
     bool StopDiscovery();
-    void Register(tinyb::BluetoothDevice& device);
+    // Known records by address, for one pass: addresses in `devices` are unique, so this finds the
+    // same entry as a search from the front, without a pass costing the square of the devices.
+    using AddressIndex = std::unordered_map<std::string, ScannedDevice::Base*>;
+    void Register(tinyb::BluetoothDevice& device, AddressIndex& known);
     void Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>>& present);
 
     bool valid = false;

@@ -35,24 +35,48 @@ class RemoteCamera : public Base {
     void Print() const;
 
     uint16_t DeviceType() const { return deviceType; }
-    void SetDeviceType(uint16_t value) { deviceType = value; }
+    void SetDeviceType(uint16_t value) {
+        deviceType = value;
+        Changed();
+    }
     uint8_t PayloadSchema() const { return payloadSchema; }
-    void SetPayloadSchema(uint8_t value) { payloadSchema = value; }
+    void SetPayloadSchema(uint8_t value) {
+        payloadSchema = value;
+        Changed();
+    }
     uint8_t BatteryStatus() const { return batteryStatus; }
-    void SetBatteryStatus(uint8_t value) { batteryStatus = value; }
+    void SetBatteryStatus(uint8_t value) {
+        batteryStatus = value;
+        Changed();
+    }
     // The payload's IP word as read (little-endian), so byte 0 is the first group of the dotted text.
     uint32_t IPAddress() const { return ipAddress; }
-    void SetIPAddress(uint32_t value) { ipAddress = value; }
+    void SetIPAddress(uint32_t value) {
+        ipAddress = value;
+        Changed();
+    }
     // The payload's text: the SSID of a schema-3 payload.
     const std::string& Text() const { return text; }
-    void SetText(const std::string& value) { text = value; }
+    void SetText(const std::string& value) {
+        text = value;
+        Changed();
+    }
 
     uint8_t BleVersion() const { return bleVersion.load(); }
-    void SetBleVersion(uint8_t value) { bleVersion.store(value); }
+    void SetBleVersion(uint8_t value) {
+        bleVersion.store(value);
+        Changed();
+    }
     uint8_t PowerState() const { return powerState.load(); }
-    void SetPowerState(uint8_t letter) { powerState.store(letter); }
+    void SetPowerState(uint8_t letter) {
+        powerState.store(letter);
+        Changed();
+    }
     uint8_t WiFiState() const { return wifiState.load(); }
-    void SetWiFiState(uint8_t letter) { wifiState.store(letter); }
+    void SetWiFiState(uint8_t letter) {
+        wifiState.store(letter);
+        Changed();
+    }
     std::string WiFiFrequency() const;
     void SetWiFiFrequency(const std::string& value);
 

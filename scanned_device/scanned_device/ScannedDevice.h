@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -29,25 +30,55 @@ class Base {
     Base& operator=(const Base&) = delete;
 
     virtual nlohmann::json ToJson() const;
+    // ToJson() dumped as DumpJson does, appended to `out`. The text is kept until a field of the
+    // document changes, so publishing a thousand devices is a concatenation, not a thousand rebuilds.
+    void AppendJsonText(std::string& out) const;
 
     ScannedDeviceType Type() const { return type; }
-    void SetType(ScannedDeviceType value) { type = value; }
+    void SetType(ScannedDeviceType value) {
+        type = value;
+        Changed();
+    }
     uint32_t Class() const { return deviceClass; }
-    void SetClass(uint32_t value) { deviceClass = value; }
+    void SetClass(uint32_t value) {
+        deviceClass = value;
+        Changed();
+    }
     int32_t Rssi() const { return rssi; }
-    void SetRssi(int32_t value) { rssi = value; }
+    void SetRssi(int32_t value) {
+        rssi = value;
+        Changed();
+    }
     bool Paired() const { return paired; }
-    void SetPaired(bool value) { paired = value; }
+    void SetPaired(bool value) {
+        paired = value;
+        Changed();
+    }
     bool Trusted() const { return trusted; }
-    void SetTrusted(bool value) { trusted = value; }
+    void SetTrusted(bool value) {
+        trusted = value;
+        Changed();
+    }
     const std::string& Name() const { return name; }
-    void SetName(const std::string& value) { name = value; }
+    void SetName(const std::string& value) {
+        name = value;
+        Changed();
+    }
     const std::string& Mac() const { return mac; }
-    void SetMac(const std::string& value) { mac = value; }
+    void SetMac(const std::string& value) {
+        mac = value;
+        Changed();
+    }
     const std::string& ClassName() const { return className; }
-    void SetClassName(const std::string& value) { className = value; }
+    void SetClassName(const std::string& value) {
+        className = value;
+        Changed();
+    }
     // Sets the class-name text from the class field (ClassNameFor).
-    void DeriveClassName() { className = ClassNameFor(deviceClass); }
+    void DeriveClassName() {
+        className = ClassNameFor(deviceClass);
+        Changed();
+    }
 
     const std::map<int, std::string>& TypeNames() const { return typeNames; }
     // Name of this record's type in TypeNames(), or "Unknown".
@@ -60,6 +91,9 @@ class Base {
     void SetSeen(bool value) { seen = value; }
 
   protected:
+    // Every setter of a field that ToJson() shows calls this after storing the value.
+    void Changed();
+
     ScannedDeviceType type = kGenericType;
 
   private:
@@ -73,6 +107,10 @@ class Base {
     std::map<int, std::string> typeNames;
     int missCredit = 0;
     bool seen = false;
+    // Camera fields change on the BLE library's thread while the loop thread publishes the lists.
+    mutable std::mutex jsonMutex;
+    mutable std::string jsonText;
+    mutable bool jsonCurrent = false;
 };
 
 }  // namespace ScannedDevice

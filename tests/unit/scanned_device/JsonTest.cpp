@@ -1,10 +1,13 @@
 // Records built from outside data leave the daemon as text without ever throwing.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "remote_camera/CameraProtocol.h"
@@ -77,4 +80,76 @@ TEST(DevicesJson, AnArrayOfEveryDocumentInOrderAndEmptyAsBrackets) {
               "[" + ScannedDevice::DumpJson(camera->ToJson()) + "]");
     // no camera among them
     EXPECT_EQ(ScannedDevice::RemoteCamerasJson({phone}), "[]");
+}
+
+TEST(DevicesJson, EqualsTheWholeArrayDumpedAtOnce) {
+    auto phone = std::make_shared<ScannedDevice::Base>();
+    phone->SetName("Ph\xC3\xB6ne \"1\"");
+    phone->SetMac("AA:00:00:00:00:01");
+    auto camera = std::make_shared<ScannedDevice::RemoteCamera>();
+    camera->SetName("Kelp");
+    WithBadFrequency(*camera);
+    nlohmann::json array = nlohmann::json::array({phone->ToJson(), camera->ToJson(), phone->ToJson()});
+    EXPECT_EQ(ScannedDevice::DevicesJson({phone, camera, phone}), ScannedDevice::DumpJson(array));
+}
+
+// The published text is kept between reads: every field the document shows must refresh it.
+TEST(DevicesJson, ShowsEveryFieldChangedAfterAnEarlierRead) {
+    auto phone = std::make_shared<ScannedDevice::Base>();
+    auto camera = std::make_shared<ScannedDevice::RemoteCamera>();
+    const std::vector<std::shared_ptr<ScannedDevice::Base>> devices{phone, camera};
+    const auto current = [&] {
+        return "[" + ScannedDevice::DumpJson(phone->ToJson()) + "," +
+               ScannedDevice::DumpJson(camera->ToJson()) + "]";
+    };
+    const std::vector<std::function<void()>> changes{
+        [&] { phone->SetName("renamed"); },
+        [&] { phone->SetMac("AA:00:00:00:00:09"); },
+        [&] { phone->SetRssi(-42); },
+        [&] { phone->SetPaired(true); },
+        [&] { phone->SetTrusted(true); },
+        [&] { phone->SetClass(0x5A020C); },
+        [&] { phone->DeriveClassName(); },
+        [&] { phone->SetClassName("Other"); },
+        [&] { phone->SetType(ScannedDevice::kHidType); },
+        [&] { camera->SetDeviceType(3); },
+        [&] { camera->SetBatteryStatus(2); },
+        [&] { camera->SetIPAddress(0x0A00000A); },
+        [&] { camera->SetText("SSID"); },
+        [&] { camera->SetBleVersion(2); },
+        [&] { camera->SetPowerState('P'); },
+        [&] { camera->SetWiFiState('C'); },
+        [&] { camera->SetWiFiFrequency("5.R"); },
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const std::string before = ScannedDevice::DevicesJson(devices);
+        changes[i]();
+        const std::string after = ScannedDevice::DevicesJson(devices);
+        EXPECT_NE(after, before) << "change " << i;
+        EXPECT_EQ(after, current()) << "change " << i;
+        EXPECT_EQ(ScannedDevice::RemoteCamerasJson(devices),
+                  "[" + ScannedDevice::DumpJson(camera->ToJson()) + "]")
+            << "change " << i;
+    }
+}
+
+// A camera's answers arrive on the BLE library's thread while the loop thread publishes the list.
+TEST(DevicesJson, AStateWrittenOnAnotherThreadIsPublishedOnceItIsStored) {
+    auto camera = std::make_shared<ScannedDevice::RemoteCamera>();
+    const std::vector<std::shared_ptr<ScannedDevice::Base>> devices{camera};
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 2000; ++i) {
+            camera->SetPowerState(i % 2 ? 'P' : 'S');
+            camera->SetBleVersion(static_cast<uint8_t>(i % 7));
+        }
+        camera->SetPowerState('B');
+        done = true;
+    });
+    while (!done)
+        (void)ScannedDevice::RemoteCamerasJson(devices);
+    writer.join();
+    const nlohmann::json back = nlohmann::json::parse(ScannedDevice::RemoteCamerasJson(devices));
+    EXPECT_EQ(back[0]["remote-cam-info"]["ble-info"]["powerStatus"]["code"], 'B');
+    EXPECT_EQ(back[0]["remote-cam-info"]["ble-info"]["bleVersion"], 1999 % 7);
 }
