@@ -10,6 +10,7 @@
 #include "backend/Scanner.h"
 #include "controller/BluetoothController.h"
 #include "dbus/Names.h"
+#include "dbus_helper/Handles.h"
 #include "dbus_helper/Vtable.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
@@ -24,16 +25,27 @@ Backend::Scanner::DeviceList DevicesOf(const BluetoothController& controller) {
     return controller.Scanner() ? controller.Scanner()->Devices() : Backend::Scanner::DeviceList{};
 }
 
+// The array is written straight into the message's string: one copy of what may be hundreds of
+// kilobytes. Its text is valid UTF-8 by construction (DumpJson replaces what is not), which is what
+// sd-bus would otherwise check again, octet by octet.
+int AppendJson(sd_bus_message* m, const ScannedDevice::JsonArray& array) {
+    char* space = nullptr;
+    const int r = sd_bus_message_append_string_space(m, array.Size(), &space);
+    if (r < 0)
+        return r;
+    array.CopyTo(space);
+    return r;
+}
+
 int GetScannedDevices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                       sd_bus_error*) {
-    const std::string json = ScannedDevice::DevicesJson(DevicesOf(*ControllerOf<Scanner>(userdata)));
-    return sd_bus_message_append_basic(reply, 's', json.c_str());
+    return AppendJson(reply, ScannedDevice::JsonArray::Devices(DevicesOf(*ControllerOf<Scanner>(userdata))));
 }
 
 int GetRemoteCameras(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                      sd_bus_error*) {
-    const std::string json = ScannedDevice::RemoteCamerasJson(DevicesOf(*ControllerOf<Scanner>(userdata)));
-    return sd_bus_message_append_basic(reply, 's', json.c_str());
+    return AppendJson(reply,
+                      ScannedDevice::JsonArray::RemoteCameras(DevicesOf(*ControllerOf<Scanner>(userdata))));
 }
 
 int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
@@ -58,7 +70,14 @@ int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
         controller->SetAutoScanEnabled(true);
     if (advertising)
         controller->SetAdvertisingEnabled(true);
-    return sd_bus_reply_method_return(m, "s", ScannedDevice::DevicesJson(devices).c_str());
+    sd_bus_message* created = nullptr;
+    int r = sd_bus_message_new_method_return(m, &created);
+    const DbusHelper::Message reply(created);
+    if (r >= 0)
+        r = AppendJson(reply.get(), ScannedDevice::JsonArray::Devices(devices));
+    if (r >= 0)
+        r = sd_bus_send(nullptr, reply.get(), nullptr);
+    return r;
 }
 
 int ReadKelpBle(sd_bus_message* m, void* userdata, sd_bus_error*) {

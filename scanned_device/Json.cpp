@@ -1,5 +1,7 @@
 #include "scanned_device/Json.h"
 
+#include <algorithm>
+
 #include "scanned_device/RemoteCamera.h"
 #include "scanned_device/ScannedDevice.h"
 
@@ -9,34 +11,53 @@ std::string DumpJson(const nlohmann::json& document) {
     return document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-namespace {
-
-// The array as DumpJson writes it: the documents' own texts joined by commas, in brackets.
-template <typename Keep>
-std::string JoinJson(const std::vector<std::shared_ptr<Base>>& devices, Keep keep) {
-    std::string out = "[";
-    bool first = true;
+JsonArray JsonArray::Devices(const std::vector<std::shared_ptr<Base>>& devices) {
+    JsonArray array;
+    array.parts.reserve(devices.size());
     for (const auto& device : devices) {
-        if (!device || !keep(*device))
+        if (!device)
             continue;
-        if (!first)
-            out += ',';
-        first = false;
-        device->AppendJsonText(out);
+        array.parts.push_back(device->JsonText());
+        array.size += array.parts.back()->size();
     }
-    out += ']';
-    return out;
+    if (array.parts.size() > 1)
+        array.size += array.parts.size() - 1;
+    return array;
 }
 
-}  // namespace
+JsonArray JsonArray::RemoteCameras(const std::vector<std::shared_ptr<Base>>& devices) {
+    std::vector<std::shared_ptr<Base>> cameras;
+    for (const auto& device : devices) {
+        if (dynamic_cast<const RemoteCamera*>(device.get()) != nullptr)
+            cameras.push_back(device);
+    }
+    return Devices(cameras);
+}
+
+void JsonArray::CopyTo(char* out) const {
+    *out++ = '[';
+    bool first = true;
+    for (const auto& part : parts) {
+        if (!first)
+            *out++ = ',';
+        first = false;
+        out = std::copy(part->begin(), part->end(), out);
+    }
+    *out = ']';
+}
+
+std::string JsonArray::Text() const {
+    std::string text(size, '\0');
+    CopyTo(text.data());
+    return text;
+}
 
 std::string DevicesJson(const std::vector<std::shared_ptr<Base>>& devices) {
-    return JoinJson(devices, [](const Base&) { return true; });
+    return JsonArray::Devices(devices).Text();
 }
 
 std::string RemoteCamerasJson(const std::vector<std::shared_ptr<Base>>& devices) {
-    return JoinJson(devices,
-                    [](const Base& device) { return dynamic_cast<const RemoteCamera*>(&device) != nullptr; });
+    return JsonArray::RemoteCameras(devices).Text();
 }
 
 }  // namespace ScannedDevice

@@ -17,24 +17,28 @@ std::string ClassNameFor(uint32_t deviceClass) {
     return NameOr(majorClassNames, (deviceClass >> 8) & 0x1Fu);
 }
 
-Base::Base() : typeNames{{kGenericType, "Generic"}, {kRemoteCameraType, "RemoteCamera"}, {kHidType, "HID"}} {}
+Base::Base() = default;
 
-void Base::AppendJsonText(std::string& out) const {
+const std::map<int, std::string>& Base::TypeNames() const {
+    static const std::map<int, std::string> names{
+        {kGenericType, "Generic"}, {kRemoteCameraType, "RemoteCamera"}, {kHidType, "HID"}};
+    return names;
+}
+
+std::shared_ptr<const std::string> Base::JsonText() const {
     std::lock_guard<std::mutex> lock(jsonMutex);
-    if (!jsonCurrent) {
-        jsonText = DumpJson(ToJson());
-        jsonCurrent = true;
-    }
-    out += jsonText;
+    if (!jsonText)
+        jsonText = std::make_shared<const std::string>(DumpJson(ToJson()));
+    return jsonText;
 }
 
 void Base::Changed() {
     std::lock_guard<std::mutex> lock(jsonMutex);
-    jsonCurrent = false;
+    jsonText.reset();
 }
 
 std::string Base::TypeName() const {
-    return NameOr(typeNames, type);
+    return NameOr(TypeNames(), type);
 }
 
 nlohmann::json Base::ToJson() const {

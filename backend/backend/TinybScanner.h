@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -63,8 +64,9 @@ class TinybScanner final : public Scanner {
     std::vector<std::unique_ptr<tinyb::BluetoothDevice>> FetchDevices();
     bool StopDiscovery();
     // Known records by address, for one pass: addresses in `devices` are unique, so this finds the
-    // same entry as a search from the front, without a pass costing the square of the devices.
-    using AddressIndex = std::unordered_map<std::string, ScannedDevice::Base*>;
+    // same entry as a search from the front, without a pass costing the square of the devices. The
+    // keys are the records' own addresses, which do not change once a record is listed.
+    using AddressIndex = std::unordered_map<std::string_view, ScannedDevice::Base*>;
     void Register(tinyb::BluetoothDevice& device, AddressIndex& known);
     void Age(const std::vector<std::unique_ptr<tinyb::BluetoothDevice>>& present);
 

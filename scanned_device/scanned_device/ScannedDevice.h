@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -30,9 +31,10 @@ class Base {
     Base& operator=(const Base&) = delete;
 
     virtual nlohmann::json ToJson() const;
-    // ToJson() dumped as DumpJson does, appended to `out`. The text is kept until a field of the
-    // document changes, so publishing a thousand devices is a concatenation, not a thousand rebuilds.
-    void AppendJsonText(std::string& out) const;
+    // ToJson() dumped as DumpJson does. The text is kept until a field of the document changes, so
+    // publishing a thousand devices copies texts instead of rebuilding documents; the shared text
+    // stays valid however the record changes afterwards.
+    std::shared_ptr<const std::string> JsonText() const;
 
     ScannedDeviceType Type() const { return type; }
     void SetType(ScannedDeviceType value) {
@@ -80,7 +82,8 @@ class Base {
         Changed();
     }
 
-    const std::map<int, std::string>& TypeNames() const { return typeNames; }
+    // The same table for every record: a scan pass builds a candidate per listed device.
+    const std::map<int, std::string>& TypeNames() const;
     // Name of this record's type in TypeNames(), or "Unknown".
     std::string TypeName() const;
 
@@ -104,13 +107,11 @@ class Base {
     std::string name;
     std::string mac;
     std::string className;
-    std::map<int, std::string> typeNames;
     int missCredit = 0;
     bool seen = false;
     // Camera fields change on the BLE library's thread while the loop thread publishes the lists.
     mutable std::mutex jsonMutex;
-    mutable std::string jsonText;
-    mutable bool jsonCurrent = false;
+    mutable std::shared_ptr<const std::string> jsonText;
 };
 
 }  // namespace ScannedDevice

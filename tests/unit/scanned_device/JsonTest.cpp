@@ -153,3 +153,23 @@ TEST(DevicesJson, AStateWrittenOnAnotherThreadIsPublishedOnceItIsStored) {
     EXPECT_EQ(back[0]["remote-cam-info"]["ble-info"]["powerStatus"]["code"], 'B');
     EXPECT_EQ(back[0]["remote-cam-info"]["ble-info"]["bleVersion"], 1999 % 7);
 }
+
+TEST(JsonArray, WritesExactlyItsSizeAndKeepsTheTextsItWasTakenWith) {
+    auto phone = std::make_shared<ScannedDevice::Base>();
+    phone->SetName("Phone");
+    auto camera = std::make_shared<ScannedDevice::RemoteCamera>();
+    const std::vector<std::shared_ptr<ScannedDevice::Base>> devices{phone, camera};
+    const std::string expected = ScannedDevice::DevicesJson(devices);
+
+    const ScannedDevice::JsonArray array = ScannedDevice::JsonArray::Devices(devices);
+    phone->SetName("Renamed");  // after the array was taken
+    ASSERT_EQ(array.Size(), expected.size());
+    std::string buffer(array.Size() + 8, '#');
+    array.CopyTo(buffer.data());
+    EXPECT_EQ(buffer.substr(0, array.Size()), expected);
+    EXPECT_EQ(buffer.substr(array.Size()), std::string(8, '#'));
+    EXPECT_EQ(ScannedDevice::JsonArray::RemoteCameras(devices).Text(),
+              "[" + ScannedDevice::DumpJson(camera->ToJson()) + "]");
+    EXPECT_NE(ScannedDevice::DevicesJson(devices), expected);
+    EXPECT_EQ(ScannedDevice::JsonArray::Devices({}).Size(), 2u);
+}
