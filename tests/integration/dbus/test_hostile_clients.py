@@ -530,13 +530,14 @@ class RudeCallers(unittest.TestCase):
                 if i % 100 == 0:
                     answer = ask(plain, PATH, PROPS, 'Get', 'ss', (RADIO, 'Powered'))
                     self.assertEqual((answer.sender, answer.body), (unit.owner, [True]), answer)
-            hoarder.call(PATH, SCANNER, 'Scan')
-            self.assertTrue(wait_for(lambda: discoveries() >= before + 1, daemon, 30),
-                            f'the hoarder\'s last call, a Scan, never ran; daemon status {daemon.proc.poll()}')
+            # Whether the bus still forwards the hoarder's own calls once its queue is full is the bus's
+            # limit, not the daemon's: what matters is that the others' calls, a Scan too, still run.
             self.assertTrue(hoarder.unread())
             answer = ask(plain, PATH, SCANNER, 'Scan')
             self.assertEqual(answer.sender, unit.owner, answer)
             self.assertFalse(answer.is_error, answer)
+            self.assertTrue(wait_for(lambda: discoveries() >= before + 1, daemon, 30),
+                            f'a Scan after the hoarder ran no pass; daemon status {daemon.proc.poll()}')
             hoarder.close()
             answer = ask(plain, PATH, PEER, 'Ping')
             self.assertEqual((answer.sender, answer.is_error), (unit.owner, False), answer)
