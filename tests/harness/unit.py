@@ -56,8 +56,8 @@ class Unit:
         self.user = dbus.bus.BusConnection(self.env.environ['DBUS_SESSION_BUS_ADDRESS'])
         return self
 
-    def start(self):
-        self.daemon = DaemonProcess(self.env)
+    def start(self, extra_env=None):
+        self.daemon = DaemonProcess(self.env, extra_env=extra_env)
         self.case.assertIsNotNone(self.daemon.notify.wait_for('READY=1', timeout=20), self.daemon.texts())
         return self.daemon
 

@@ -76,8 +76,8 @@ class Service(Unit):
         self.system.get_object('org.bluez', '/').AddLEDevice(
             'hci0', address, dbus.Dictionary(device(address), signature='sv'), dbus_interface='org.bluez.Mock')
 
-    def start(self, served=True):
-        daemon = super().start()
+    def start(self, served=True, extra_env=None):
+        daemon = super().start(extra_env=extra_env)
         if served:
             self.case.assertTrue(wait(lambda: self.user.name_has_owner(NAME), 5), daemon.texts())
             for member in ('ConfiguredKelpBle', 'DiscoveredRemoteCamera', 'NewKelpBleData'):
@@ -457,7 +457,11 @@ class Shutdown(unittest.TestCase):
             daemon = unit.start()
             unit.call(SCANNER, 'Scan')
             unit.call(RADIO, 'ConfigKelpBle', SLOW_CAMERA)  # some seconds of GATT work
-            unit.call(SCANNER, 'ReadKelpBle')  # waits for the scan lock meanwhile
+            # both requests start a worker at once; only once the configuration holds the scan lock
+            # does the refresh have to wait for it
+            self.assertIsNotNone(daemon.wait_line_prefix('Connected To Bluetooth: Time Elapsed: ', 10),
+                                 daemon.texts())
+            unit.call(SCANNER, 'ReadKelpBle')
             self.assertIsNotNone(daemon.wait_line_prefix('Configured Power State: Time Elapsed: ', 10),
                                  daemon.texts())
             stopped = time.monotonic()
