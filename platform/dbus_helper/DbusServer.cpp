@@ -26,7 +26,7 @@ int DbusServer::Start() {
     if (bus != nullptr)
         return -EALREADY;
     sd_bus* connection = nullptr;
-    int r = systemBus ? sd_bus_open_system(&connection) : sd_bus_open_user(&connection);
+    int r = OpenBus(&connection);
     if (r < 0)
         return r;
     bus.reset(connection);
@@ -50,13 +50,17 @@ int DbusServer::Start() {
         objectManager.reset(slot);
     }
     // last: once the name is ours, callers may arrive
-    if (r >= 0)
+    if (r >= 0 && sd_bus_is_bus_client(connection) > 0)
         r = sd_bus_request_name(connection, serviceName.c_str(), 0);
     if (r < 0) {
         Release();
         return r;
     }
     return 0;
+}
+
+int DbusServer::OpenBus(sd_bus** connection) {
+    return systemBus ? sd_bus_open_system(connection) : sd_bus_open_user(connection);
 }
 
 int DbusServer::AddObject(std::shared_ptr<DbusObject> object) {

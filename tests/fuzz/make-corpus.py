@@ -4,8 +4,8 @@ commands and property maps that the unit tests use.
 
     tests/fuzz/make-corpus.py            rewrites every seed directory
 
-The manufacturer-data and camera targets read raw octets. The two bus targets draw their messages from
-the input with FuzzedDataProvider, so their seeds are encoded here the way that class reads them: integers
+The manufacturer-data and camera targets read raw octets. The bus targets draw their messages from the
+input with FuzzedDataProvider, so their seeds are encoded here the way that class reads them: integers
 from the end of the input (most significant octet first), strings from the front. The draw order mirrors
 BusValues.h and the targets' LLVMFuzzerTestOneInput: a change there needs the same change here, or the
 seeds stay valid inputs but stop meaning the messages named below.
@@ -407,6 +407,180 @@ BLUEZ = {
 }
 
 
+# ---------------------------------------------------------------------------------------------------------
+# fuzz_dbus_objects: a run of calls, each [path][member][own arguments or any]
+
+OBJECT_PATH = "/com/quorbel/common/Bluetooth1"
+RADIO = "com.quorbel.common.Bluetooth1.Radio"
+ADVERT = "com.quorbel.common.Bluetooth1.Advert"
+SCANNER = "com.quorbel.common.Bluetooth1.Scanner"
+PROPS = "org.freedesktop.DBus.Properties"
+PEER = "org.freedesktop.DBus.Peer"
+INTROSPECTABLE = "org.freedesktop.DBus.Introspectable"
+OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
+NOPE = "com.quorbel.common.Bluetooth1.Nope"
+MEMBERS = [  # DbusObjectsFuzz.cpp kMembers, in order
+    (RADIO, "ConfigKelpBle"), (SCANNER, "Scan"), (SCANNER, "ReadKelpBle"), (PROPS, "Get"), (PROPS, "Set"),
+    (PROPS, "GetAll"), (INTROSPECTABLE, "Introspect"), (PEER, "Ping"), (PEER, "GetMachineId"),
+    (OBJECT_MANAGER, "GetManagedObjects"),
+]
+CALL_INTERFACES = [RADIO, ADVERT, SCANNER, PROPS, PEER, INTROSPECTABLE, OBJECT_MANAGER, NOPE]
+CALL_MEMBERS = [m for _, m in MEMBERS] + ["Powered", "ConfiguredKelpBle", "DiscoveredRemoteCamera",
+                                         "NewKelpBleData", "PropertiesChanged", "InterfacesAdded"]
+CAMERA_MAC, OTHER_UNIT_MAC = "C0:FF:EE:00:00:01", "AA:00:00:00:00:02"
+ADDRESSES = [CAMERA_MAC, OTHER_UNIT_MAC, "C0:FF:EE:00:00:02", "c0:ff:ee:00:00:01", ""]
+INTERFACE_ARGS = [RADIO, ADVERT, SCANNER, "", PROPS, PEER, INTROSPECTABLE, OBJECT_MANAGER, NOPE]
+NAME_ARGS = ["Powered", "Pairable", "Discoverable", "Advertising", "AdvertSchema", "AutoScan",
+             "AutoScanRateSecs", "ScannedDevices", "RemoteCameras", "Nope", "ConfigKelpBle", "powered"]
+DBUS_OBJECTS_HINTS = ["b", "i", "s", "u", "v", "as", "a{sv}", "ay"]
+MEMBER_CHARS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_0123456789"
+MEMBER_LEADING = 53  # letters and '_'
+
+
+def member_octets(name):
+    """Octets that the target's BusMember turns into `name`."""
+    out = bytearray()
+    for i, c in enumerate(name):
+        modulus = MEMBER_LEADING if i == 0 else len(MEMBER_CHARS)
+        k = MEMBER_CHARS.index(c)
+        out.append(next(o for o in range(k, 256, modulus) if o != 0x5C))
+    return bytes(out)
+
+
+def call(member, *args, path=OBJECT_PATH, interface=None, named=False, raw=None, extra=None):
+    """One call. `member` of MEMBERS, picked by its index unless `named` (then interface and member are
+    drawn apart: an interface of CALL_INTERFACES, None for no interface, or "com.quorbel.fuzz.X" for a
+    made-up one). `args` are the member's own arguments (Set's value as (signature, value)), `extra` one
+    (signature, value) after them; `raw`, a list of (signature, value), are any arguments instead."""
+    return (path, member, interface, named, args, raw, extra)
+
+
+def encode_call(p, d, spec):
+    path, member, interface, named, args, raw, extra = spec
+    if path == OBJECT_PATH:
+        p.in_range(0, 2, 0, 32)
+    elif path == "/":
+        p.in_range(0, 2, 1, 32)
+    else:
+        p.in_range(0, 2, 2, 32)
+        p.string(path_octets(path), 32)
+    if not named:
+        interface = next(i for i, m in MEMBERS if m == member)
+        p.in_range(0, len(MEMBERS), MEMBERS.index((interface, member)))
+    else:
+        p.in_range(0, len(MEMBERS), len(MEMBERS))
+        if interface is None:
+            p.in_range(0, len(CALL_INTERFACES) + 1, len(CALL_INTERFACES))
+        elif interface in CALL_INTERFACES:
+            p.in_range(0, len(CALL_INTERFACES) + 1, CALL_INTERFACES.index(interface))
+        else:
+            assert interface.startswith("com.quorbel.fuzz."), interface
+            p.in_range(0, len(CALL_INTERFACES) + 1, len(CALL_INTERFACES) + 1)
+            p.string(member_octets(interface[len("com.quorbel.fuzz."):]), 24)
+        if member in CALL_MEMBERS:
+            p.in_range(0, len(CALL_MEMBERS), CALL_MEMBERS.index(member))
+        else:
+            p.in_range(0, len(CALL_MEMBERS), len(CALL_MEMBERS))
+            p.string(member_octets(member), 24)
+    p.boolean(raw is None)
+    if raw is None:
+        if (interface, member) not in MEMBERS:
+            assert not args, "no own arguments for an unknown member"
+            return
+        if member == "ConfigKelpBle":
+            d.pick(ADDRESSES, args[0], 80)
+        if member in ("Get", "Set", "GetAll"):
+            d.pick(INTERFACE_ARGS, args[0], 48)
+        if member in ("Get", "Set"):
+            d.pick(NAME_ARGS, args[1], 32)
+        if member == "Set":
+            d.value("v", args[2], 3)
+        p.in_range(0, 3, 0 if extra is None else 3, 32)
+        if extra is not None:
+            d.choose_type(extra[0], 3)
+            d.value(extra[0], extra[1], 3)
+    else:
+        p.in_range(0, 3, len(raw), 32)
+        for signature, value in raw:
+            d.choose_type(signature, 3)
+            d.value(signature, value, 3)
+
+
+def dbus_objects(*calls):
+    p = Provider()
+    d = Draw(p, DBUS_OBJECTS_HINTS)
+    assert 1 <= len(calls) <= 8
+    p.in_range(1, 8, len(calls), 32)
+    for spec in calls:
+        encode_call(p, d, spec)
+    return p.data()
+
+
+PROPERTY_HOMES = {"Powered": RADIO, "Pairable": RADIO, "Discoverable": RADIO, "Advertising": ADVERT,
+                  "AdvertSchema": ADVERT, "AutoScan": SCANNER, "AutoScanRateSecs": SCANNER,
+                  "ScannedDevices": SCANNER, "RemoteCameras": SCANNER}
+SETS = [("Powered", ("b", False)), ("Pairable", ("b", False)), ("Discoverable", ("b", True)),
+        ("Advertising", ("b", False)), ("AdvertSchema", ("i", 4)), ("AutoScan", ("b", False)),
+        ("AutoScanRateSecs", ("i", -5))]
+
+
+def get(name, interface=None):
+    return call("Get", interface if interface is not None else PROPERTY_HOMES[name], name)
+
+
+def set_(name, value, interface=None):
+    return call("Set", interface if interface is not None else PROPERTY_HOMES[name], name, value)
+
+
+DBUS_OBJECTS = {
+    "config-camera": dbus_objects(call("ConfigKelpBle", CAMERA_MAC)),
+    "config-other-unit": dbus_objects(call("ConfigKelpBle", OTHER_UNIT_MAC)),
+    "config-unlisted": dbus_objects(call("ConfigKelpBle", "C0:FF:EE:00:00:02")),
+    "config-lower-case": dbus_objects(call("ConfigKelpBle", "c0:ff:ee:00:00:01")),
+    "config-empty": dbus_objects(call("ConfigKelpBle", "")),
+    "config-long-text": dbus_objects(call("ConfigKelpBle", "%s%n C0-FF-EE-00-00-01 " + "x" * 40 + " é ∂")),
+    "scan": dbus_objects(call("Scan")),
+    "read-kelp-ble": dbus_objects(call("ReadKelpBle")),
+    "introspect": dbus_objects(call("Introspect")),
+    "ping": dbus_objects(call("Ping")),
+    "machine-id": dbus_objects(call("GetMachineId")),
+    "managed-objects": dbus_objects(call("GetManagedObjects")),
+    **{"get-" + name.lower(): dbus_objects(get(name)) for name in PROPERTY_HOMES},
+    **{"set-" + name.lower(): dbus_objects(set_(name, value), get(name)) for name, value in SETS},
+    "set-schema-fallback": dbus_objects(set_("AdvertSchema", ("i", 9)), get("AdvertSchema")),
+    "set-powered-as-text": dbus_objects(set_("Powered", ("s", "off")), get("Powered")),
+    "set-rate-unsigned": dbus_objects(set_("AutoScanRateSecs", ("u", 7)), get("AutoScanRateSecs")),
+    "set-read-only": dbus_objects(set_("ScannedDevices", ("s", "[]")), get("ScannedDevices")),
+    "set-other-interface": dbus_objects(set_("Advertising", ("b", False), RADIO), get("Advertising")),
+    "get-unknown-property": dbus_objects(get("Nope", RADIO)),
+    "get-empty-interface": dbus_objects(get("Powered", "")),
+    **{"getall-" + name: dbus_objects(call("GetAll", interface))
+       for name, interface in [("radio", RADIO), ("advert", ADVERT), ("scanner", SCANNER), ("every", ""),
+                               ("properties", PROPS), ("unknown", "org.example.Nope")]},
+    "scan-with-argument": dbus_objects(call("Scan", raw=[("s", "x")])),
+    "config-no-argument": dbus_objects(call("ConfigKelpBle", raw=[])),
+    "config-number": dbus_objects(call("ConfigKelpBle", raw=[("i", 5)])),
+    "get-without-name": dbus_objects(call("Get", raw=[("s", "Radio")])),
+    "set-drawn-as-any": dbus_objects(call("Set", raw=[("s", ""), ("s", "Advertising"), ("v", ("b", False))]),
+                                     get("Advertising")),
+    "get-extra-argument": dbus_objects(call("Get", ADVERT, "AdvertSchema", extra=("i", 1))),
+    "set-extra-argument": dbus_objects(call("Set", SCANNER, "AutoScanRateSecs", ("i", 60), extra=("s", "more")),
+                                       get("AutoScanRateSecs")),
+    "config-camera-extra-argument": dbus_objects(call("ConfigKelpBle", CAMERA_MAC, extra=("b", True))),
+    "unknown-member": dbus_objects(call("Reboot", interface=RADIO, named=True)),
+    "signal-as-method": dbus_objects(call("DiscoveredRemoteCamera", interface=SCANNER, named=True)),
+    "property-as-method": dbus_objects(call("Powered", interface=RADIO, named=True)),
+    "scan-without-interface": dbus_objects(call("Scan", interface=None, named=True)),
+    "scan-on-made-up-interface": dbus_objects(call("Scan", interface="com.quorbel.fuzz.Nope", named=True)),
+    "scan-on-root": dbus_objects(call("Scan", path="/")),
+    "managed-objects-on-root": dbus_objects(call("GetManagedObjects", path="/")),
+    "introspect-parent": dbus_objects(call("Introspect", path="/com/quorbel")),
+    "mixed-run": dbus_objects(set_("Advertising", ("b", False)), call("Scan"), get("Advertising"),
+                              call("ConfigKelpBle", CAMERA_MAC), call("GetAll", SCANNER),
+                              set_("AutoScan", ("b", False)), call("Scan"), call("GetManagedObjects")),
+}
+
+
 def write(target, seeds):
     directory = os.path.join(CORPUS, target)
     shutil.rmtree(directory, ignore_errors=True)
@@ -422,6 +596,7 @@ def main():
     write("fuzz_camera_notification", CAMERA_ANSWERS)
     write("fuzz_property_map", PROPERTY_MAP)
     write("fuzz_bluez_properties", BLUEZ)
+    write("fuzz_dbus_objects", DBUS_OBJECTS)
 
 
 if __name__ == "__main__":

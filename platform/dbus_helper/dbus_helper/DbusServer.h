@@ -63,6 +63,11 @@ class DbusServer {
     // As DbusObject::OnBusThread: now on the loop thread (or before Start()), otherwise handed to it.
     void RunOnBusThread(std::function<void()> task);
 
+  protected:
+    // The connection Start() serves on: the system or the user bus. A fuzzer hands a started direct
+    // connection instead, which has no bus to own a name on: Start() then requests none.
+    virtual int OpenBus(sd_bus** connection);
+
   private:
     void Release();
     static int OnRootCall(sd_bus_message* m, void* userdata, sd_bus_error* error);
