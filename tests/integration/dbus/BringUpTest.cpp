@@ -14,7 +14,8 @@
 
 TEST(BringUp, WithoutUsableBackendsTheServerIsBuiltButNeverStarted) {
     ASSERT_TRUE(TestSupport::InHarness()) << "run through tests/harness/testenv.py";
-    sd_event* loop = nullptr;
+    // as the daemon's: the loop lives as long as the process, with the objects brought up on it
+    static sd_event* loop = nullptr;
     ASSERT_GE(sd_event_new(&loop), 0);
     Logging::Capture capture;
     Daemon::BringUpService(loop);
@@ -31,5 +32,5 @@ TEST(BringUp, WithoutUsableBackendsTheServerIsBuiltButNeverStarted) {
     ASSERT_GE(sd_bus_open_user(&opened), 0);
     DbusHelper::Bus bus(opened);
     EXPECT_EQ(sd_bus_get_name_creds(opened, BluetoothDbus::kBusName, 0, nullptr), -ENXIO);
-    // the objects live on to the end of the process, as in the daemon; the loop with them
+    // the objects live on to the end of the process, as in the daemon
 }
