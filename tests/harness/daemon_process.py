@@ -20,6 +20,15 @@ def built_with_asan(binary=None):
         return b'__asan_init' in f.read()
 
 
+def rss_kib(pid):
+    '''The process's resident set, VmRSS, in KiB.'''
+    with open(f'/proc/{pid}/status') as f:
+        for line in f:
+            if line.startswith('VmRSS:'):
+                return int(line.split()[1])
+    raise KeyError('VmRSS')
+
+
 class LogLine:
     def __init__(self, when, priority, text):
         self.when, self.priority, self.text = when, priority, text

@@ -105,14 +105,6 @@ def wait_for(condition, daemon, timeout):
     return True
 
 
-def rss_kib(pid):
-    with open(f'/proc/{pid}/status') as f:
-        for line in f:
-            if line.startswith('VmRSS:'):
-                return int(line.split()[1])
-    raise KeyError('VmRSS')
-
-
 # ------------------------------------------------------------------------------ one load client
 
 def odd_reply(member, args, body, expect):
@@ -231,7 +223,7 @@ if __name__ == '__main__' and sys.argv[1:2] == ['--load-client']:
                 json.loads(sys.argv[7]))
     sys.exit(0)
 
-from daemon_process import built_with_asan  # noqa: E402
+from daemon_process import built_with_asan, rss_kib  # noqa: E402
 from unit import Unit  # noqa: E402
 import populate_unit  # noqa: E402
 

@@ -20,7 +20,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 TOP = os.path.join(HERE, '..', '..', '..')
 sys.path.insert(0, os.path.join(TOP, 'tests', 'harness'))
 sys.path.insert(0, os.path.join(TOP, 'tests', 'integration', 'dbus'))
-from daemon_process import built_with_asan  # noqa: E402
+from daemon_process import built_with_asan, rss_kib  # noqa: E402
 # the D-Bus client side of the daemon, as its own tests drive it
 from test_dbus_service import ADVERT, CAMERA, PHONE, RADIO, SCANNER, UNIT_3, Service, documents, wait  # noqa: E402
 
@@ -29,14 +29,6 @@ CONFIGS = int(os.environ.get('QB_SOAK_CONFIGS', '100'))
 # VmRSS after the last pass at most the one after the first tenth x 1.05 + 512 KiB: room for what the
 # allocator keeps, none for a record or a message kept per pass
 RSS_FACTOR, RSS_SLACK_KIB = 1.05, 512
-
-
-def rss_kib(pid):
-    with open(f'/proc/{pid}/status') as f:
-        for line in f:
-            if line.startswith('VmRSS:'):
-                return int(line.split()[1])
-    raise KeyError('VmRSS')
 
 
 class Soak(unittest.TestCase):
