@@ -455,8 +455,8 @@ def call(member, *args, path=OBJECT_PATH, interface=None, named=False, raw=None,
     return (path, member, interface, named, args, raw, extra)
 
 
-def encode_call(p, d, spec):
-    path, member, interface, named, args, raw, extra = spec
+def encode_call(p, d, planned):
+    path, member, interface, named, args, raw, extra = planned
     if path == OBJECT_PATH:
         p.in_range(0, 2, 0, 32)
     elif path == "/":
@@ -511,8 +511,8 @@ def dbus_objects(*calls):
     d = Draw(p, DBUS_OBJECTS_HINTS)
     assert 1 <= len(calls) <= 8
     p.in_range(1, 8, len(calls), 32)
-    for spec in calls:
-        encode_call(p, d, spec)
+    for planned in calls:
+        encode_call(p, d, planned)
     return p.data()
 
 
@@ -541,7 +541,7 @@ DBUS_OBJECTS = {
     "config-long-text": dbus_objects(call("ConfigKelpBle", "%s%n C0-FF-EE-00-00-01 " + "x" * 40 + " é ∂")),
     "scan": dbus_objects(call("Scan")),
     "read-kelp-ble": dbus_objects(call("ReadKelpBle")),
-    "introspect": dbus_objects(call("Introspect")),
+    "describe-object": dbus_objects(call("Introspect")),
     "ping": dbus_objects(call("Ping")),
     "machine-id": dbus_objects(call("GetMachineId")),
     "managed-objects": dbus_objects(call("GetManagedObjects")),
@@ -574,7 +574,7 @@ DBUS_OBJECTS = {
     "scan-on-made-up-interface": dbus_objects(call("Scan", interface="com.quorbel.fuzz.Nope", named=True)),
     "scan-on-root": dbus_objects(call("Scan", path="/")),
     "managed-objects-on-root": dbus_objects(call("GetManagedObjects", path="/")),
-    "introspect-parent": dbus_objects(call("Introspect", path="/com/quorbel")),
+    "describe-parent": dbus_objects(call("Introspect", path="/com/quorbel")),
     "mixed-run": dbus_objects(set_("Advertising", ("b", False)), call("Scan"), get("Advertising"),
                               call("ConfigKelpBle", CAMERA_MAC), call("GetAll", SCANNER),
                               set_("AutoScan", ("b", False)), call("Scan"), call("GetManagedObjects")),
