@@ -33,6 +33,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, os.path.join(ROOT, 'tests', 'harness'))
 from testenv import TestEnv  # noqa: E402
+from bus_monitor import BusMonitor  # noqa: E402
 from daemon_process import NotifySocket  # noqa: E402
 
 NAME = 'com.quorbel.common.Bluetooth1'
@@ -78,39 +79,6 @@ def context_switches(pid):
         except FileNotFoundError:
             pass
     return total
-
-
-class Monitor:
-    '''dbus-monitor on one bus, one line per message (its --profile format), optionally only the
-    messages one connection sends.'''
-
-    def __init__(self, address, path, sender=None):
-        self.path = path
-        rule = [f"sender='{sender}'"] if sender else []
-        self.out = open(path, 'w')
-        self.proc = subprocess.Popen(['dbus-monitor', '--address', address, '--profile'] + rule,
-                                     stdout=self.out, stderr=subprocess.DEVNULL)
-
-    def stop(self):
-        self.proc.terminate()
-        self.proc.wait()
-        self.out.close()
-
-    def messages(self, since=None, until=None):
-        '''(time, kind, member) of every message seen, the monitor's own hello excepted.'''
-        found = []
-        with open(self.path) as f:
-            for line in f:
-                parts = line.rstrip('\n').split('\t')
-                if len(parts) < 4 or parts[0] not in ('sig', 'mc', 'mr', 'err'):
-                    continue
-                when = float(parts[1])
-                if (since is not None and when < since) or (until is not None and when > until):
-                    continue
-                if parts[3] == 'org.freedesktop.DBus' or (len(parts) > 7 and parts[7] == 'NameAcquired'):
-                    continue
-                found.append((when, parts[0], parts[-1] if parts[0] in ('sig', 'mc') else parts[0]))
-        return found
 
 
 # ------------------------------------------------------------------------------ the unit
@@ -204,7 +172,7 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
             if full_set:
                 # ---- idle: nothing asked, auto-scan off; every message on either bus is counted too
                 time.sleep(1.0)
-                monitors = [Monitor(env.environ[v], env.path('logs', f'idle-{i}.txt'))
+                monitors = [BusMonitor(env.environ[v], env.path('logs', f'idle-{i}.txt'))
                             for i, v in enumerate(('DBUS_SYSTEM_BUS_ADDRESS', 'DBUS_SESSION_BUS_ADDRESS'))]
                 time.sleep(0.3)
                 w0, t0 = context_switches(daemon.pid), time.monotonic()
@@ -269,7 +237,8 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
             # ---- auto-scan at a 1 s rate: CPU and messages per period
             names = {'system': unique_name_of(system, daemon.pid),
                      'user': str(user.get_name_owner(NAME))}
-            monitors = {bus: Monitor(env.environ[v], env.path('logs', f'autoscan-{bus}.txt'), names[bus])
+            monitors = {bus: BusMonitor(env.environ[v], env.path('logs', f'autoscan-{bus}.txt'),
+                                  [f"sender='{names[bus]}'"])
                         for bus, v in (('system', 'DBUS_SYSTEM_BUS_ADDRESS'), ('user', 'DBUS_SESSION_BUS_ADDRESS'))}
             time.sleep(0.3)
             settings_obj = user.get_object(SETTINGS, SETTINGS_PATH)

@@ -192,37 +192,12 @@ def bench_devices(system, count):
                           dbus_interface='org.bluez.Mock', timeout=120)
 
 
-class Monitor:
-    '''dbus-monitor on the system bus: the discovery calls the daemon's connections send to BlueZ.'''
-
-    def __init__(self, address, path, senders):
-        self.path = path
-        rules = [f"type='method_call',sender='{s}',interface='org.bluez.Adapter1'" for s in senders]
-        self.out = open(path, 'w')
-        self.proc = subprocess.Popen(['dbus-monitor', '--address', address, '--profile'] + rules,
-                                     stdout=self.out, stderr=subprocess.DEVNULL)
-
-    def stop(self):
-        self.proc.terminate()
-        self.proc.wait()
-        self.out.close()
-
-    def calls(self, member):
-        '''Wall-clock times of the calls of `member`.'''
-        found = []
-        with open(self.path) as f:
-            for line in f:
-                parts = line.rstrip('\n').split('\t')
-                if len(parts) >= 8 and parts[0] == 'mc' and parts[7] == member:
-                    found.append(float(parts[1]))
-        return found
-
-
 if __name__ == '__main__' and sys.argv[1:2] == ['--load-client']:
     load_client(sys.argv[2], sys.argv[3], int(sys.argv[4]), int(sys.argv[5]), json.loads(sys.argv[6]),
                 json.loads(sys.argv[7]))
     sys.exit(0)
 
+from bus_monitor import BusMonitor  # noqa: E402
 from daemon_process import built_with_asan, rss_kib  # noqa: E402
 from unit import Unit  # noqa: E402
 import populate_unit  # noqa: E402
@@ -580,8 +555,10 @@ class Load(unittest.TestCase):
             expect = {'devices': self.DEVICES, 'cameras': self.DEVICES // 2, 'rate': self.RATE_S}
             warm = load(conn, unit.owner, 400, 0, expect, [time.time()])
             self.assertEqual((warm['foreign'], warm['wrong'], len(warm['scans'])), ([], [], 1))
-            monitor = Monitor(unit.env.environ['DBUS_SYSTEM_BUS_ADDRESS'], unit.env.path('logs', 'discovery.txt'),
-                              unique_names_of(unit.system, pid))
+            # the discovery calls the daemon's connections send to BlueZ
+            monitor = BusMonitor(unit.env.environ['DBUS_SYSTEM_BUS_ADDRESS'], unit.env.path('logs', 'discovery.txt'),
+                                 [f"type='method_call',sender='{s}',interface='org.bluez.Adapter1'"
+                                  for s in unique_names_of(unit.system, pid)])
             time.sleep(0.5)
             rss_start = rss_kib(pid)
             samples = []
