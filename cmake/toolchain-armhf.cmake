@@ -5,7 +5,8 @@
 # (scripts/install-deps --armhf does this). The armhf libraries live beside the host's in
 # /usr/lib/arm-linux-gnueabihf, so there is no sysroot: the library architecture keeps
 # find_package and find_library away from the x86-64 copies.
-#   cmake -S . -B build-armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
+#   cmake --preset armhf     (CMakePresets.json: build/armhf), or by hand:
+#   cmake -S . -B build/armhf -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
 #     -DQB_BUILD_BENCHMARKS=OFF
 
 set(CMAKE_SYSTEM_NAME Linux)

@@ -33,6 +33,8 @@ has_hci0() { [ -e "$HCI0" ]; }
 no_hci0() { [ ! -e "$HCI0" ]; }
 name_owned() { busctl --user status "$NAME" >/dev/null 2>&1; }
 peer_ready() { busctl --user call "$1" / org.freedesktop.DBus.Peer Ping; }
+# bluetoothd has taken hci0 as its adapter (the kernel's hci0 comes first, and a slow guest shows the gap)
+bluez_has_hci0() { busctl --system get-property org.bluez /org/bluez/hci0 org.bluez.Adapter1 Address; }
 
 # journal_of INVOCATION: the daemon's journal entries of one invocation, one JSON object a line
 journal_of() { journalctl -b -o json _SYSTEMD_INVOCATION_ID="$1" _SYSTEMD_UNIT="$UNIT"; }
@@ -63,8 +65,8 @@ printf 'serial=QB00012345\nmodel=Cobalt\nradio_type=1\n' >/etc/vantu/identity
 t0=$(uptime_s)
 if until_ok 30 peer_ready com.quorbel.common.Settings1 && until_ok 10 peer_ready com.quorbel.Network1 &&
    until_ok 10 peer_ready com.quorbel.common.Pylon1 && until_ok 20 has_hci0 &&
-   until_ok 20 is_state bluetooth.service active/running; then
-  verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs"
+   until_ok 20 is_state bluetooth.service active/running && until_ok 20 bluez_has_hci0; then
+  verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs and has it"
 else
   verdict neighbours FAIL "variscite-bt $(show variscite-bt.service ActiveState), bluetooth" \
     "$(show bluetooth.service ActiveState), hci0 $(has_hci0 && echo present || echo absent)"

@@ -1,15 +1,9 @@
 #include <gtest/gtest.h>
 
+#include "Bytes.h"
 #include "remote_camera/CameraProtocol.h"
 
 using namespace CameraProtocol;
-using Bytes = std::vector<uint8_t>;
-
-namespace {
-Bytes B(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
-}  // namespace
 
 TEST(CameraCommands, ReadCommandsAreTwoLettersAndCarriageReturn) {
     EXPECT_EQ(ReadVersionCommand(), (Bytes{'R', 'V', 0x0D}));

@@ -4,18 +4,14 @@
 #include <set>
 #include <thread>
 
+#include "Bytes.h"
 #include "logging/Log.h"
 #include "remote_camera/CameraProtocol.h"
 #include "scanned_device/RemoteCamera.h"
 
 using CameraProtocol::OnNotification;
-using Bytes = std::vector<uint8_t>;
 
 namespace {
-
-Bytes B(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
 
 class Notification : public ::testing::Test {
   protected:

@@ -3,6 +3,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "JsonKeys.h"
 #include "logging/Log.h"
 #include "scan_response/ScanResponse.h"
 #include "scanned_device/RemoteCamera.h"
@@ -12,13 +13,6 @@ using ScannedDevice::ManufacturerData;
 using ScannedDevice::RemoteCamera;
 
 namespace {
-
-std::set<std::string> KeysOf(const json& object) {
-    std::set<std::string> keys;
-    for (auto it = object.begin(); it != object.end(); ++it)
-        keys.insert(it.key());
-    return keys;
-}
 
 // Device type 7, schema 3, battery 2, IP C0 A8 01 14, text "SSID".
 const std::vector<uint8_t> kCameraPayload = {0x07, 0x00, 0x03, 0x02, 0xC0, 0xA8,

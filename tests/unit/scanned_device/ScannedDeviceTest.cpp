@@ -2,18 +2,12 @@
 
 #include <set>
 
+#include "JsonKeys.h"
 #include "scanned_device/ScannedDevice.h"
 
 using nlohmann::json;
 
 namespace {
-
-std::set<std::string> KeysOf(const json& object) {
-    std::set<std::string> keys;
-    for (auto it = object.begin(); it != object.end(); ++it)
-        keys.insert(it.key());
-    return keys;
-}
 
 void FillAsPhone(ScannedDevice::Base& device) {
     device.SetClass(0x5A020C);

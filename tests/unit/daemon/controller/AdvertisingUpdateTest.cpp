@@ -1,19 +1,10 @@
 // Rebuilding the scan response and putting it on air.
 #include <string>
 
-#include "scan_response/ScanResponse.h"
+#include "PayloadSchema.h"
 #include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
-
-namespace {
-bool IsV3(const std::shared_ptr<ScanResponse::Base>& payload) {
-    return dynamic_cast<const ScanResponse::V3*>(payload.get()) != nullptr;
-}
-bool IsV4(const std::shared_ptr<ScanResponse::Base>& payload) {
-    return dynamic_cast<const ScanResponse::V4*>(payload.get()) != nullptr;
-}
-}  // namespace
 
 class AdvertisingUpdate : public ControllerFixture {};
 

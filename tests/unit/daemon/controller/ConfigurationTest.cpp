@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "scan_response/ScanResponse.h"
+#include "PayloadSchema.h"
 #include "test_support/ControllerFixture.h"
 
 using namespace ControllerTest;
@@ -13,12 +13,6 @@ using Journal = ControllerTest::Journal;
 namespace {
 constexpr const char* kCtor = "BluetoothController::BluetoothController(sd_event*): ";
 
-bool IsV3(const std::shared_ptr<ScanResponse::Base>& payload) {
-    return dynamic_cast<const ScanResponse::V3*>(payload.get()) != nullptr;
-}
-bool IsV4(const std::shared_ptr<ScanResponse::Base>& payload) {
-    return dynamic_cast<const ScanResponse::V4*>(payload.get()) != nullptr;
-}
 }  // namespace
 
 class Configuration : public ControllerFixture {};

@@ -20,12 +20,12 @@ namespace {
 constexpr const char* kPath = "/com/quorbel/test/Direct";
 constexpr const char* kIface = "com.quorbel.test.Direct";
 
-class Echo : public DbusHelper::DbusObject {
+class EchoObject : public DbusHelper::DbusObject {
   public:
-    Echo() : DbusObject(kPath, kIface) {
+    EchoObject() : DbusObject(kPath, kIface) {
         namespace vt = sdbus_utils::vtable;
         vt::AddStart(Vtable());
-        vt::AddVtableMethod(Vtable(), "Echo", "s", "s", &Echo::Reply, SD_BUS_VTABLE_UNPRIVILEGED);
+        vt::AddVtableMethod(Vtable(), "Echo", "s", "s", &EchoObject::Reply, SD_BUS_VTABLE_UNPRIVILEGED);
         vt::AddEnd(Vtable());
     }
 
@@ -114,7 +114,7 @@ TEST_F(DirectConnection, StartsWithoutANameAndServesItsObjects) {
     EXPECT_EQ(server.opened, 1);
     ASSERT_NE(server.Bus(), nullptr);
     EXPECT_EQ(sd_bus_is_bus_client(server.Bus()), 0);
-    ASSERT_GE(server.AddObject(std::make_shared<Echo>()), 0);
+    ASSERT_GE(server.AddObject(std::make_shared<EchoObject>()), 0);
 
     sd_bus* opened = nullptr;
     ASSERT_GE(sd_bus_new(&opened), 0);
@@ -133,7 +133,7 @@ TEST_F(DirectConnection, AConnectionThatCannotBeOpenedIsStartsResult) {
     DirectServer server(loop.get(), fds[0], -ECONNREFUSED);
     EXPECT_EQ(server.Start(), -ECONNREFUSED);
     EXPECT_FALSE(server.IsStarted());
-    EXPECT_EQ(server.AddObject(std::make_shared<Echo>()), -ENOTCONN);
+    EXPECT_EQ(server.AddObject(std::make_shared<EchoObject>()), -ENOTCONN);
     close(fds[0]);
     close(fds[1]);
 }
