@@ -4,9 +4,12 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
+#include "daemon/InstanceLock.h"
 #include "daemon/ServiceBringUp.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
@@ -17,6 +20,16 @@ namespace Daemon {
 
 namespace {
 sd_event* g_loop = nullptr;
+
+constexpr const char* kHelp =
+    "Usage: quorbel-bluetoothd\n"
+    "Bluetooth LE daemon of the camera control unit: advertises the unit, scans for other units and\n"
+    "remote cameras, and serves com.quorbel.common.Bluetooth1 on the user bus. Runs as a systemd\n"
+    "service; one copy per unit. See quorbel-bluetoothd(8).\n"
+    "\n"
+    "  --help     print this text and exit\n"
+    "  --version  print the version and exit\n";
+constexpr const char* kVersion = "quorbel-bluetoothd " QB_VERSION "\n";
 
 // systemd stops the service with SIGTERM; leaving the loop cleanly gives exit status 0 instead of
 // death by signal. Must run before any thread exists so every thread inherits the mask, and before the
@@ -82,7 +95,25 @@ int BluetoothDaemonStart(sd_event_source*, uint64_t, void*) {
     return 0;
 }
 
-int Main() {
+const char* InformationRequested(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0)
+            return kHelp;
+        if (std::strcmp(argv[i], "--version") == 0)
+            return kVersion;
+    }
+    return nullptr;
+}
+
+int Main(int argc, char** argv) {
+    // answered before anything else: a look at the version must not start a second daemon
+    if (const char* text = InformationRequested(argc, argv)) {
+        std::fputs(text, stdout);
+        return 0;
+    }
+    // before hci0, the tools or any bus: a second copy would drive the same radio
+    if (!TakeProcessInstanceLock())
+        return kExitNotStarted;
     const int r = sd_event_default(&g_loop);
     if (r >= 0)
         ExitLoopOnTermination(g_loop);

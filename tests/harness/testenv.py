@@ -8,7 +8,8 @@
     system bus; the settings, network and power daemons on the user bus;
   * recording stubs of /usr/bin/hcitool and /usr/bin/hciconfig and a controllable
     /sys/class/bluetooth, visible to commands run in the mount namespace (--sandbox);
-  * a unit identity file (VANTU_IDENTITY_FILE) and a free path for NOTIFY_SOCKET.
+  * a unit identity file (VANTU_IDENTITY_FILE), a free path for NOTIFY_SOCKET, and the daemon's
+    one-instance lock file in the unit's own run/ (QUORBEL_BLUETOOTHD_LOCK_FILE).
 
 CLI:
   testenv.py run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep] -- CMD [ARGS...]
@@ -20,6 +21,7 @@ Environment seen by CMD (and by Python users through TestEnv.environ):
   TESTENV_SYSFS_BT       the folder seen as /sys/class/bluetooth inside the namespace
   TESTENV_NOTIFY_SOCKET  a free path to bind for NOTIFY_SOCKET
   VANTU_IDENTITY_FILE    the unit's identity (serial, model, radio type)
+  QUORBEL_BLUETOOTHD_LOCK_FILE  the daemon's instance lock, one per unit
 
 Python:
   with TestEnv(sandbox=True, hci0=False, without=['systemd']) as env:
@@ -259,6 +261,7 @@ class TestEnv:
         env['TESTENV_SYSFS_BT'] = self.sysfs_bt
         env['TESTENV_NOTIFY_SOCKET'] = self.path('notify.sock')
         env['VANTU_IDENTITY_FILE'] = self.path('identity')
+        env['QUORBEL_BLUETOOTHD_LOCK_FILE'] = self.path('run', 'quorbel-bluetoothd.lock')
         self.environ = env
         t1 = time.monotonic()
         keys = [p.key for p in PEERS if p.key not in self.without]
@@ -268,7 +271,8 @@ class TestEnv:
         self.timings = {'buses_s': round(t1 - t0, 3), 'peers_s': round(time.monotonic() - t1, 3)}
         with open(self.path('env.sh'), 'w') as f:
             for k in ('DBUS_SESSION_BUS_ADDRESS', 'DBUS_SYSTEM_BUS_ADDRESS', 'TESTENV_DIR', 'TESTENV_HCI_LOG',
-                      'TESTENV_SYSFS_BT', 'TESTENV_NOTIFY_SOCKET', 'VANTU_IDENTITY_FILE'):
+                      'TESTENV_SYSFS_BT', 'TESTENV_NOTIFY_SOCKET', 'VANTU_IDENTITY_FILE',
+                      'QUORBEL_BLUETOOTHD_LOCK_FILE'):
                 f.write(f"export {k}='{env[k]}'\n")
             f.write('unset XDG_RUNTIME_DIR\n')
         return self
