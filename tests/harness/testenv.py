@@ -226,6 +226,12 @@ class TestEnv:
         with open(self.path('stubs', f'{tool}.rc'), 'w') as f:   # in place: the stub is bound by inode
             f.write(f'{status}\n')
 
+    def set_stub_delay(self, tool, seconds):
+        '''Makes each call of `tool` sleep `seconds` after it is logged: a call seen in the log is still
+        running for that long.'''
+        with open(self.path('stubs', f'{tool}.sleep'), 'w') as f:
+            f.write(f'{seconds}\n')
+
     def hci_calls(self):
         with open(self.hci_log) as f:
             return [line.rstrip('\n') for line in f]
