@@ -8,9 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "daemon/InstanceLock.h"
 #include "daemon/ServiceBringUp.h"
+#include "daemon/ServiceStatus.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
 #include "loop/Sleep.h"
@@ -58,6 +60,13 @@ bool TerminationPending() {
 Utils::WatchdogHooks StoppableWatchdogHooks() {
     Utils::WatchdogHooks hooks = Utils::SystemWatchdogHooks();
     hooks.stopRequested = TerminationPending;
+    // a restart means hci0 is missing: systemd shows it while the units come back
+    hooks.restartUnit = [restart = hooks.restartUnit](const std::string& unit) {
+        StatusFacts waiting;
+        waiting.phase = StatusFacts::Phase::WaitingForHci0;
+        ProcessStatus().Report(StatusText(waiting));
+        return restart(unit);
+    };
     hooks.sleepOneSecond = [] {
         for (int slice = 0; slice < 10 && !TerminationPending(); ++slice)
             Loop::SleepFor(std::chrono::milliseconds(100));
@@ -115,8 +124,13 @@ int Main(int argc, char** argv) {
     if (!TakeProcessInstanceLock())
         return kExitNotStarted;
     const int r = sd_event_default(&g_loop);
-    if (r >= 0)
+    if (r >= 0) {
         ExitLoopOnTermination(g_loop);
+        // pings systemd's watchdog from the loop when the unit asks for it (WATCHDOG_USEC); a loop that
+        // stops turning stops the pings
+        if (sd_event_set_watchdog(g_loop, true) < 0)
+            Logging::Log(LOG_ERR, "Main: systemd's watchdog cannot be served");
+    }
     const bool restarted = Utils::EnsureInterface(0, StoppableWatchdogHooks());
     // floating source, owned by the loop; its result is deliberately not checked
     sd_event_add_time(g_loop, nullptr, CLOCK_MONOTONIC, StartTime(g_loop, restarted), 0, BluetoothDaemonStart,
