@@ -9,10 +9,12 @@ const char* PhaseText(StatusFacts::Phase phase) {
     switch (phase) {
         case StatusFacts::Phase::WaitingForHci0:
             return "Waiting for hci0";
+        case StatusFacts::Phase::WaitingForBus:
+            return "Waiting for the bus or its name";
         case StatusFacts::Phase::Serving:
             return "Serving";
         case StatusFacts::Phase::NotServed:
-            return "Not serving: no bus or its name taken";
+            return "Not serving: the D-Bus service failed to start";
         case StatusFacts::Phase::ControllerFailed:
             return "Not serving: controller failed to initialise";
     }

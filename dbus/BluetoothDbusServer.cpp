@@ -26,12 +26,24 @@ int BluetoothDbusServer::AddObjectManager(sd_bus* bus, const char* path) {
 }
 
 int BluetoothDbusServer::Run() {
-    int r = Start();
+    const int r = Start();
     if (r < 0) {
         Logging::Log(LOG_ERR, "%s: Failed to start dbus server, (%d)", "Run", r);
         return -1;
     }
-    r = AddObjectManager(Bus(), BluetoothDbus::kObjectPath);
+    return Publish();
+}
+
+int BluetoothDbusServer::RunAgain() {
+    // quiet: Run() has said why the first try failed, and a try per back-off step would flood the log
+    if (Start() < 0)
+        return -1;
+    Logging::Log(LOG_INFO, "%s: the bus can be had now, serving", "Run");
+    return Publish();
+}
+
+int BluetoothDbusServer::Publish() {
+    int r = AddObjectManager(Bus(), BluetoothDbus::kObjectPath);
     if (r < 0) {
         Logging::Log(LOG_ERR, "%s, Failed to add obj manager, (%d)\n", "Run", r);
         return r;

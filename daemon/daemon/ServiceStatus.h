@@ -14,7 +14,7 @@
 namespace Daemon {
 
 struct StatusFacts {
-    enum class Phase { WaitingForHci0, Serving, NotServed, ControllerFailed };
+    enum class Phase { WaitingForHci0, WaitingForBus, Serving, NotServed, ControllerFailed };
 
     Phase phase = Phase::Serving;
     bool advertising = false;

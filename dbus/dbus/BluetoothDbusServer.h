@@ -24,12 +24,18 @@ class BluetoothDbusServer : public DbusHelper::DbusServer {
     // -1 when the bus or the name cannot be had; the object manager's negative error when it cannot be
     // installed (no interface is added then).
     int Run();
+    // Run() once more after it failed to have the bus or the name: the same, but a failure to start is
+    // not logged again. 0 once serving.
+    int RunAgain();
 
   protected:
     // sd_bus_add_object_manager on the bus for `path`, kept for the bus's lifetime; tests replace it.
     virtual int AddObjectManager(sd_bus* bus, const char* path);
 
   private:
+    // Everything Run() does once the bus and the name are had.
+    int Publish();
+
     std::shared_ptr<BluetoothController> controller;
     std::vector<std::shared_ptr<DbusHelper::DbusObject>> objects;
 };

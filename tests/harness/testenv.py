@@ -100,10 +100,10 @@ class TestEnv:
         return self.path('sys_bluetooth')
 
     # ------------------------------------------------------------------ buses
-    def _start_bus(self, kind):
+    def _start_bus(self, kind, bus_type=None):
         conf = self.path(f'{kind}.conf')
         with open(os.path.join(HERE, 'bus.conf.in')) as f:
-            text = f.read().replace('@TYPE@', kind).replace('@SOCKET@', self.path(f'{kind}.sock'))
+            text = f.read().replace('@TYPE@', bus_type or kind).replace('@SOCKET@', self.path(f'{kind}.sock'))
         with open(conf, 'w') as f:
             f.write(text)
         r, w = os.pipe()
@@ -113,6 +113,14 @@ class TestEnv:
         os.close(w)
         self.buses[kind] = p
         return r
+
+    def late_bus_address(self, name):
+        '''The address a user bus called `name` will have once start_late_bus(name) brings it up.'''
+        return f"unix:path={self.path(f'{name}.sock')}"
+
+    def start_late_bus(self, name):
+        '''Brings up one more user bus, with no peers on it, and returns its address once it listens.'''
+        return self._read_address(name, self._start_bus(name, bus_type='session'))
 
     def _read_address(self, kind, fd, timeout=10):
         # the address is printed once the socket listens: exact readiness, nothing to poll

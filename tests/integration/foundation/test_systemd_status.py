@@ -123,14 +123,14 @@ class SystemdStatus(unittest.TestCase):
             finally:
                 self.assertEqual(daemon.stop(), 0)
 
-    def test_a_name_held_by_another_client_shows_as_not_serving(self):
+    def test_a_name_held_by_another_client_shows_as_waiting(self):
         with StatusUnit(self) as unit:
             holder = dbus.bus.BusConnection(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
             try:
                 self.assertEqual(holder.request_name(NAME, dbus.bus.NAME_FLAG_DO_NOT_QUEUE),
                                  dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER)
                 daemon = unit.start()
-                self.expect(daemon, 'STATUS=Not serving: no bus or its name taken; advertising schema 4; '
+                self.expect(daemon, 'STATUS=Waiting for the bus or its name; advertising schema 4; '
                                     'auto-scan every 30 s; 0 devices known; no scan yet')
             finally:
                 holder.close()

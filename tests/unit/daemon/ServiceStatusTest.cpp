@@ -48,10 +48,12 @@ TEST(ServiceStatus, PhasesBeforeServing) {
     Daemon::StatusFacts facts = Serving();
     facts.phase = Phase::WaitingForHci0;
     EXPECT_EQ(Daemon::StatusText(facts), "Waiting for hci0");
-    facts.phase = Phase::NotServed;
+    facts.phase = Phase::WaitingForBus;
     EXPECT_EQ(Daemon::StatusText(facts),
-              "Not serving: no bus or its name taken; advertising schema 4; auto-scan every "
-              "30 s; 6 devices known; last scan ok");
+              "Waiting for the bus or its name; advertising schema 4; auto-scan every 30 s; 6 devices known; "
+              "last scan ok");
+    facts.phase = Phase::NotServed;
+    EXPECT_EQ(Daemon::StatusText(facts).rfind("Not serving: the D-Bus service failed to start; ", 0), 0u);
     facts.phase = Phase::ControllerFailed;
     EXPECT_EQ(Daemon::StatusText(facts).rfind("Not serving: controller failed to initialise; ", 0), 0u);
 }
