@@ -114,6 +114,19 @@ class TestEnv:
         self.buses[kind] = p
         return r
 
+    def stop_bus(self, kind):
+        '''Ends the bus's dbus-daemon (SIGTERM); the peers on it lose their connection.'''
+        proc = self.buses[kind]
+        proc.terminate()
+        proc.wait(timeout=5)
+
+    def restart_bus(self, kind):
+        '''A new dbus-daemon for the bus, at the same address, once it listens. Peers are not restarted.'''
+        sock = self.path(f'{kind}.sock')
+        if os.path.exists(sock):
+            os.unlink(sock)
+        return self._read_address(kind, self._start_bus(kind))
+
     def late_bus_address(self, name):
         '''The address a user bus called `name` will have once start_late_bus(name) brings it up.'''
         return f"unix:path={self.path(f'{name}.sock')}"
