@@ -66,7 +66,7 @@ class BusLate(unittest.TestCase):
                 late.close()
             self.assertIsNotNone(daemon.notify.wait_for('STATUS=Serving; advertising schema 3; auto-scan every 10 s; '
                                                         '0 devices known; no scan yet', 5), daemon.notify.messages)
-            # the Part's line once, one line when serving, and nothing per try in between
+            # the failure once, one line when serving, and nothing per try in between
             self.assertEqual(daemon.count(START_FAILED), 1, daemon.texts())
             self.assertEqual(daemon.count(SERVING_AGAIN), 1, daemon.texts())
             self.assertEqual(daemon.count('Run: Adding radio object...'), 1)
