@@ -1,9 +1,9 @@
 #include "backend/HCIToolAdvertiser.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <utility>
 
+#include "backend/ShellCommand.h"
 #include "bluetooth/HCIToolCommands.h"
 
 namespace Backend {
@@ -11,10 +11,6 @@ namespace {
 
 // Non-connectable undirected advertising: the unit is only ever scanned, never connected to.
 constexpr uint8_t kAdvertisingType = 0x03;
-
-int RunThroughShell(const char* command) {
-    return std::system(command);
-}
 
 // Lets the controller finish switching advertising off before anything else is sent to it.
 constexpr std::chrono::milliseconds kSettleAfterStop{500};

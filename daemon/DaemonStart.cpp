@@ -4,10 +4,15 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <string>
 
+#include "daemon/InstanceLock.h"
 #include "daemon/ServiceBringUp.h"
+#include "daemon/ServiceStatus.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
 #include "loop/Sleep.h"
@@ -17,6 +22,16 @@ namespace Daemon {
 
 namespace {
 sd_event* g_loop = nullptr;
+
+constexpr const char* kHelp =
+    "Usage: quorbel-bluetoothd\n"
+    "Bluetooth LE daemon of the camera control unit: advertises the unit, scans for other units and\n"
+    "remote cameras, and serves com.quorbel.common.Bluetooth1 on the user bus. Runs as a systemd\n"
+    "service; one copy per unit. See quorbel-bluetoothd(8).\n"
+    "\n"
+    "  --help     print this text and exit\n"
+    "  --version  print the version and exit\n";
+constexpr const char* kVersion = "quorbel-bluetoothd " QB_VERSION "\n";
 
 // systemd stops the service with SIGTERM; leaving the loop cleanly gives exit status 0 instead of
 // death by signal. Must run before any thread exists so every thread inherits the mask, and before the
@@ -45,6 +60,13 @@ bool TerminationPending() {
 Utils::WatchdogHooks StoppableWatchdogHooks() {
     Utils::WatchdogHooks hooks = Utils::SystemWatchdogHooks();
     hooks.stopRequested = TerminationPending;
+    // a restart means hci0 is missing: systemd shows it while the units come back
+    hooks.restartUnit = [restart = hooks.restartUnit](const std::string& unit) {
+        StatusFacts waiting;
+        waiting.phase = StatusFacts::Phase::WaitingForHci0;
+        ProcessStatus().Report(StatusText(waiting));
+        return restart(unit);
+    };
     hooks.sleepOneSecond = [] {
         for (int slice = 0; slice < 10 && !TerminationPending(); ++slice)
             Loop::SleepFor(std::chrono::milliseconds(100));
@@ -82,10 +104,33 @@ int BluetoothDaemonStart(sd_event_source*, uint64_t, void*) {
     return 0;
 }
 
-int Main() {
+const char* InformationRequested(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0)
+            return kHelp;
+        if (std::strcmp(argv[i], "--version") == 0)
+            return kVersion;
+    }
+    return nullptr;
+}
+
+int Main(int argc, char** argv) {
+    // answered before anything else: a look at the version must not start a second daemon
+    if (const char* text = InformationRequested(argc, argv)) {
+        std::fputs(text, stdout);
+        return 0;
+    }
+    // before hci0, the tools or any bus: a second copy would drive the same radio
+    if (!TakeProcessInstanceLock())
+        return kExitNotStarted;
     const int r = sd_event_default(&g_loop);
-    if (r >= 0)
+    if (r >= 0) {
         ExitLoopOnTermination(g_loop);
+        // pings systemd's watchdog from the loop when the unit asks for it (WATCHDOG_USEC); a loop that
+        // stops turning stops the pings
+        if (sd_event_set_watchdog(g_loop, true) < 0)
+            Logging::Log(LOG_ERR, "Main: systemd's watchdog cannot be served");
+    }
     const bool restarted = Utils::EnsureInterface(0, StoppableWatchdogHooks());
     // floating source, owned by the loop; its result is deliberately not checked
     sd_event_add_time(g_loop, nullptr, CLOCK_MONOTONIC, StartTime(g_loop, restarted), 0, BluetoothDaemonStart,

@@ -1,5 +1,6 @@
 #include "dbus/BluetoothDbusServer.h"
 
+#include <cstddef>
 #include <utility>
 
 #include "controller/BluetoothController.h"
@@ -8,6 +9,7 @@
 #include "dbus/RadioObject.h"
 #include "dbus/ScannerObject.h"
 #include "logging/Log.h"
+#include "loop/CBoundary.h"
 
 BluetoothDbusServer::BluetoothDbusServer(std::shared_ptr<BluetoothController> owner, sd_event* loop)
     : DbusServer(BluetoothDbus::kBusName, BluetoothDbus::kObjectPath, BluetoothDbus::kBusName, false, false,
@@ -26,11 +28,29 @@ int BluetoothDbusServer::AddObjectManager(sd_bus* bus, const char* path) {
 }
 
 int BluetoothDbusServer::Run() {
-    int r = Start();
+    const int r = Start();
     if (r < 0) {
         Logging::Log(LOG_ERR, "%s: Failed to start dbus server, (%d)", "Run", r);
         return -1;
     }
+    return Publish();
+}
+
+int BluetoothDbusServer::RunAgain() {
+    // quiet: Run() has said why the first try failed, and a try per back-off step would flood the log
+    if (Start() < 0)
+        return -1;
+    Logging::Log(LOG_INFO, "%s: the bus can be had now, serving", "Run");
+    return Publish();
+}
+
+int BluetoothDbusServer::Publish() {
+    // sd-bus turns the end of the connection into this local signal; floating: it goes with the bus
+    int r = sd_bus_match_signal(Bus(), nullptr, nullptr, "/org/freedesktop/DBus/Local",
+                                "org.freedesktop.DBus.Local", "Disconnected",
+                                &BluetoothDbusServer::OnDisconnected, this);
+    if (r < 0)
+        Logging::Log(LOG_ERR, "%s: a lost bus will go unnoticed, (%d)", "Run", r);
     r = AddObjectManager(Bus(), BluetoothDbus::kObjectPath);
     if (r < 0) {
         Logging::Log(LOG_ERR, "%s, Failed to add obj manager, (%d)\n", "Run", r);
@@ -42,19 +62,23 @@ int BluetoothDbusServer::Run() {
         Logging::Log(LOG_ERR, "%s: the object manager will not list %s, (%d)", "Run",
                      BluetoothDbus::kObjectPath, r);
 
-    Logging::Log(LOG_INFO, "%s: Adding radio object...\n", "Run");
-    auto radio = std::make_shared<BluetoothDbusObject::Radio>(controller);
-    (void)AddObject(radio);
-    objects.push_back(radio);
-
-    Logging::Log(LOG_INFO, "%s: Adding advert object...\n", "Run");
-    auto advert = std::make_shared<BluetoothDbusObject::Advert>(controller);
-    (void)AddObject(advert);
-    objects.push_back(advert);
-
-    Logging::Log(LOG_INFO, "%s: Adding scanner object...\n", "Run");
-    auto scanner = std::make_shared<BluetoothDbusObject::Scanner>(controller);
-    (void)AddObject(scanner);
-    objects.push_back(scanner);
+    if (objects.empty()) {
+        objects.push_back(std::make_shared<BluetoothDbusObject::Radio>(controller));
+        objects.push_back(std::make_shared<BluetoothDbusObject::Advert>(controller));
+        objects.push_back(std::make_shared<BluetoothDbusObject::Scanner>(controller));
+    }
+    const char* const names[] = {"radio", "advert", "scanner"};
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        Logging::Log(LOG_INFO, "%s: Adding %s object...\n", "Run", names[i]);
+        (void)AddObject(objects[i]);
+    }
     return 0;
+}
+
+int BluetoothDbusServer::OnDisconnected(sd_bus_message*, void* userdata, sd_bus_error*) {
+    return CBoundary::Call("OnDisconnected", [userdata] {
+        auto* self = static_cast<BluetoothDbusServer*>(userdata);
+        if (self->busLost)
+            self->busLost();
+    });
 }

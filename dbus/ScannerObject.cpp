@@ -59,11 +59,13 @@ int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
     {
         // a camera's GATT exchange holds the radio: then the list is answered as it stands
         std::unique_lock<std::mutex> lock(controller->ScanLock(), std::try_to_lock);
-        if (!lock.owns_lock())
+        if (!lock.owns_lock()) {
             Logging::Log(LOG_INFO, "Scan: a remote camera is being read, answering with the devices known");
-        else if (controller->Scanner())
+            controller->NoteScanSkipped();
+        } else if (controller->Scanner()) {
             // a pass that throws (a hostile payload nearby) is abandoned; the flags still come back
-            (void)CBoundary::Call("Scan", [&] { return controller->Scanner()->Scan(); });
+            (void)CBoundary::Call("Scan", [&] { return controller->ScanOnce(); });
+        }
     }
     const Backend::Scanner::DeviceList devices = DevicesOf(*controller);
     if (autoScan)

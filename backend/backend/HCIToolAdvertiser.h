@@ -1,7 +1,8 @@
 #pragma once
 // Advertising through the BlueZ command-line tools on hci0: raw HCI LE commands sent with hcitool and
-// "hciconfig hci0 leadv" / "noleadv", each run through the shell. Holds no connection of its own to
-// the Bluetooth stack. Not thread-safe: every call blocks its caller for as long as the commands run.
+// "hciconfig hci0 leadv" / "noleadv", each run through the shell (RunThroughShell). Holds no connection of
+// its own to the Bluetooth stack. Not thread-safe: every call blocks its caller for as long as the commands
+// run.
 
 #include <functional>
 #include <memory>
@@ -15,7 +16,7 @@ namespace Backend {
 
 class HCIToolAdvertiser final : public Advertiser {
   public:
-    // Runs one shell command line and returns its raw wait status, as system() does.
+    // Runs one shell command line and returns its raw wait status, as system() does (ShellCommand.h).
     using CommandRunner = std::function<int(const char*)>;
 
     HCIToolAdvertiser();

@@ -1,4 +1,5 @@
 // The periodic scan on the loop's timer.
+#include <cstddef>
 #include <cstdint>
 
 #include "backend/Advertiser.h"
@@ -39,6 +40,8 @@ void BluetoothController::SetAutoScanEnabled(bool enabled) {
 }
 
 int BluetoothController::ScanWithRetries() {
+    // stays when the pass throws
+    lastScan = ScanOutcome::Failed;
     int result = 0;
     for (int attempts = kScanAttempts; attempts > 0; --attempts) {
         result = scanner->Scan();
@@ -50,6 +53,18 @@ int BluetoothController::ScanWithRetries() {
         radio->SetPowered(true);
     }
     cameraWorkers->SetLastScanTime(std::chrono::system_clock::now());
+    lastScan = result == 0 ? ScanOutcome::Succeeded : ScanOutcome::Failed;
+    return result;
+}
+
+std::size_t BluetoothController::DevicesKnown() const {
+    return scanner ? scanner->Devices().size() : 0;
+}
+
+int BluetoothController::ScanOnce() {
+    lastScan = ScanOutcome::Failed;
+    const int result = scanner->Scan();
+    lastScan = result == 0 ? ScanOutcome::Succeeded : ScanOutcome::Failed;
     return result;
 }
 
@@ -67,6 +82,8 @@ int BluetoothController::AutoScanTask() {
             advertiser->RefreshScanResponse();
             if (advertisingEnabled)
                 advertiser->StartAdvertising();
+        } else {
+            NoteScanSkipped();
         }
     }
     // from the end of this period, however long the scan took

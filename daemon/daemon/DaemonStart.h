@@ -13,8 +13,12 @@ inline constexpr uint64_t kRestartGraceUsec = 2'000'000;
 // The process-wide event loop (null until Main() took it).
 sd_event* EventLoop();
 
-// main()'s whole body; always 0.
-int Main();
+// main()'s whole body: 0, or kExitNotStarted when another copy holds the unit (InstanceLock.h).
+int Main(int argc, char** argv);
+
+// What "--help" or "--version" prints, when one of them is among the arguments (the first one found
+// wins); null for any other arguments, which are ignored.
+const char* InformationRequested(int argc, char** argv);
 
 // The one-shot start callback: announce, bring the service up, report readiness. Returns 0.
 int BluetoothDaemonStart(sd_event_source* source, uint64_t usec, void* userdata);

@@ -6,6 +6,7 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -24,12 +25,26 @@ class BluetoothDbusServer : public DbusHelper::DbusServer {
     // -1 when the bus or the name cannot be had; the object manager's negative error when it cannot be
     // installed (no interface is added then).
     int Run();
+    // Run() once more after it failed to have the bus or the name: the same, but a failure to start is
+    // not logged again. 0 once serving.
+    int RunAgain();
+
+    // Called on the loop thread, from the bus's own dispatch, when a served bus goes away (its
+    // dbus-daemon ended or dropped the connection). Stop() and RunAgain() must wait for a later
+    // iteration.
+    void OnBusLost(std::function<void()> handler) { busLost = std::move(handler); }
 
   protected:
     // sd_bus_add_object_manager on the bus for `path`, kept for the bus's lifetime; tests replace it.
     virtual int AddObjectManager(sd_bus* bus, const char* path);
 
   private:
+    // Everything Run() does once the bus and the name are had; the objects are made once and attached
+    // again to each new connection.
+    int Publish();
+    static int OnDisconnected(sd_bus_message* m, void* userdata, sd_bus_error* error);
+
     std::shared_ptr<BluetoothController> controller;
     std::vector<std::shared_ptr<DbusHelper::DbusObject>> objects;
+    std::function<void()> busLost;
 };

@@ -59,6 +59,14 @@ int DbusServer::Start() {
     return 0;
 }
 
+void DbusServer::Stop() {
+    Release();
+}
+
+bool DbusServer::IsConnected() const {
+    return bus != nullptr && sd_bus_is_open(bus.get()) > 0;
+}
+
 int DbusServer::OpenBus(sd_bus** connection) {
     return systemBus ? sd_bus_open_system(connection) : sd_bus_open_user(connection);
 }

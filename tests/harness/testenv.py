@@ -8,7 +8,8 @@
     system bus; the settings, network and power daemons on the user bus;
   * recording stubs of /usr/bin/hcitool and /usr/bin/hciconfig and a controllable
     /sys/class/bluetooth, visible to commands run in the mount namespace (--sandbox);
-  * a unit identity file (VANTU_IDENTITY_FILE) and a free path for NOTIFY_SOCKET.
+  * a unit identity file (VANTU_IDENTITY_FILE), a free path for NOTIFY_SOCKET, and the daemon's
+    one-instance lock file in the unit's own run/ (QUORBEL_BLUETOOTHD_LOCK_FILE).
 
 CLI:
   testenv.py run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep] -- CMD [ARGS...]
@@ -20,6 +21,7 @@ Environment seen by CMD (and by Python users through TestEnv.environ):
   TESTENV_SYSFS_BT       the folder seen as /sys/class/bluetooth inside the namespace
   TESTENV_NOTIFY_SOCKET  a free path to bind for NOTIFY_SOCKET
   VANTU_IDENTITY_FILE    the unit's identity (serial, model, radio type)
+  QUORBEL_BLUETOOTHD_LOCK_FILE  the daemon's instance lock, one per unit
 
 Python:
   with TestEnv(sandbox=True, hci0=False, without=['systemd']) as env:
@@ -98,10 +100,10 @@ class TestEnv:
         return self.path('sys_bluetooth')
 
     # ------------------------------------------------------------------ buses
-    def _start_bus(self, kind):
+    def _start_bus(self, kind, bus_type=None):
         conf = self.path(f'{kind}.conf')
         with open(os.path.join(HERE, 'bus.conf.in')) as f:
-            text = f.read().replace('@TYPE@', kind).replace('@SOCKET@', self.path(f'{kind}.sock'))
+            text = f.read().replace('@TYPE@', bus_type or kind).replace('@SOCKET@', self.path(f'{kind}.sock'))
         with open(conf, 'w') as f:
             f.write(text)
         r, w = os.pipe()
@@ -111,6 +113,27 @@ class TestEnv:
         os.close(w)
         self.buses[kind] = p
         return r
+
+    def stop_bus(self, kind):
+        '''Ends the bus's dbus-daemon (SIGTERM); the peers on it lose their connection.'''
+        proc = self.buses[kind]
+        proc.terminate()
+        proc.wait(timeout=5)
+
+    def restart_bus(self, kind):
+        '''A new dbus-daemon for the bus, at the same address, once it listens. Peers are not restarted.'''
+        sock = self.path(f'{kind}.sock')
+        if os.path.exists(sock):
+            os.unlink(sock)
+        return self._read_address(kind, self._start_bus(kind))
+
+    def late_bus_address(self, name):
+        '''The address a user bus called `name` will have once start_late_bus(name) brings it up.'''
+        return f"unix:path={self.path(f'{name}.sock')}"
+
+    def start_late_bus(self, name):
+        '''Brings up one more user bus, with no peers on it, and returns its address once it listens.'''
+        return self._read_address(name, self._start_bus(name, bus_type='session'))
 
     def _read_address(self, kind, fd, timeout=10):
         # the address is printed once the socket listens: exact readiness, nothing to poll
@@ -224,6 +247,12 @@ class TestEnv:
         with open(self.path('stubs', f'{tool}.rc'), 'w') as f:   # in place: the stub is bound by inode
             f.write(f'{status}\n')
 
+    def set_stub_delay(self, tool, seconds):
+        '''Makes each call of `tool` sleep `seconds` after it is logged: a call seen in the log is still
+        running for that long.'''
+        with open(self.path('stubs', f'{tool}.sleep'), 'w') as f:
+            f.write(f'{seconds}\n')
+
     def hci_calls(self):
         with open(self.hci_log) as f:
             return [line.rstrip('\n') for line in f]
@@ -259,6 +288,7 @@ class TestEnv:
         env['TESTENV_SYSFS_BT'] = self.sysfs_bt
         env['TESTENV_NOTIFY_SOCKET'] = self.path('notify.sock')
         env['VANTU_IDENTITY_FILE'] = self.path('identity')
+        env['QUORBEL_BLUETOOTHD_LOCK_FILE'] = self.path('run', 'quorbel-bluetoothd.lock')
         self.environ = env
         t1 = time.monotonic()
         keys = [p.key for p in PEERS if p.key not in self.without]
@@ -268,7 +298,8 @@ class TestEnv:
         self.timings = {'buses_s': round(t1 - t0, 3), 'peers_s': round(time.monotonic() - t1, 3)}
         with open(self.path('env.sh'), 'w') as f:
             for k in ('DBUS_SESSION_BUS_ADDRESS', 'DBUS_SYSTEM_BUS_ADDRESS', 'TESTENV_DIR', 'TESTENV_HCI_LOG',
-                      'TESTENV_SYSFS_BT', 'TESTENV_NOTIFY_SOCKET', 'VANTU_IDENTITY_FILE'):
+                      'TESTENV_SYSFS_BT', 'TESTENV_NOTIFY_SOCKET', 'VANTU_IDENTITY_FILE',
+                      'QUORBEL_BLUETOOTHD_LOCK_FILE'):
                 f.write(f"export {k}='{env[k]}'\n")
             f.write('unset XDG_RUNTIME_DIR\n')
         return self

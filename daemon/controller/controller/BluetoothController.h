@@ -16,6 +16,7 @@
 #include <systemd/sd-event.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -85,6 +86,9 @@ ControllerHooks SystemControllerHooks();
 
 class BluetoothController {
   public:
+    // What the last scan did, auto-scan period or Scan call, for the service's status line.
+    enum class ScanOutcome { None, Succeeded, Failed, Skipped };
+
     // Outcome of configuring a remote camera: success, and the camera's JSON document.
     using ConfiguredCameraSignal = sigc::signal<void(bool, std::string)>;
     // The known remote cameras changed (new data read from one of them).
@@ -130,6 +134,14 @@ class BluetoothController {
     // results, 0 when all went well. The timer's own callback hands sd-event a non-negative value
     // whatever this returns, so that the source stays enabled.
     int AutoScanTask();
+    // One pass for a client's Scan call, no retry; its outcome is kept like an auto-scan period's.
+    int ScanOnce();
+    // A scan given up because a camera's GATT exchange held the scan lock.
+    void NoteScanSkipped() { lastScan = ScanOutcome::Skipped; }
+    ScanOutcome LastScanOutcome() const { return lastScan; }
+    // How many devices the scanner lists now (0 before Initialise()).
+    std::size_t DevicesKnown() const;
+
     // The timer as it stands: its due time (UINT64_MAX when disarmed) and whether it is switched on.
     uint64_t AutoScanDueUsec() const;
     bool AutoScanArmed() const;
@@ -191,6 +203,7 @@ class BluetoothController {
     bool advertisingEnabled = false;
     bool initialised = false;
     bool systemCallDebug = false;
+    ScanOutcome lastScan = ScanOutcome::None;
 
     DbusHelper::EventSource autoScanTimer;
     sd_event* loop;

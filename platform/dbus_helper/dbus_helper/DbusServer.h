@@ -43,6 +43,10 @@ class DbusServer {
     // released again, and Start() may be retried). -EALREADY when already started.
     int Start();
 
+    // Drops the connection and every registration on it (the objects are kept, detached), so that
+    // Start() can serve again, on a new connection. Loop thread, outside the bus's own callbacks.
+    void Stop();
+
     // Registers the object's member table on its path and interface, with the object as user data; the
     // server keeps the object alive. The sd-bus result, -ENOTCONN before Start(), -EALREADY for an object
     // that is registered already, -EINVAL for a table without start or end entry.
@@ -57,6 +61,8 @@ class DbusServer {
     // Null before Start().
     sd_bus* Bus() const { return bus.get(); }
     bool IsStarted() const { return bus != nullptr; }
+    // Started, and the connection still open (the bus has not gone away).
+    bool IsConnected() const;
     const std::string& ServiceName() const { return serviceName; }
     const std::string& ObjectPath() const { return objectPath; }
 

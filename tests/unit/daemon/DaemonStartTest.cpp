@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
 #include "daemon/DaemonStart.h"
 #include "logging/Log.h"
@@ -48,4 +51,25 @@ TEST(DaemonStart, ALoopThatEndsNormallyLogsNothing) {
     EXPECT_EQ(Daemon::RunLoop(loop), 0);
     EXPECT_EQ(capture.Lines().size(), 0u);
     sd_event_unref(loop);
+}
+
+namespace {
+const char* Requested(std::initializer_list<const char*> args) {
+    std::vector<char*> argv{const_cast<char*>("quorbel-bluetoothd")};
+    for (const char* a : args)
+        argv.push_back(const_cast<char*>(a));
+    return Daemon::InformationRequested(static_cast<int>(argv.size()), argv.data());
+}
+}  // namespace
+
+TEST(DaemonStart, HelpAndVersionAreAnsweredAndAnythingElseIgnored) {
+    EXPECT_EQ(Requested({}), nullptr);
+    EXPECT_EQ(Requested({"-d", "extra"}), nullptr);
+    EXPECT_EQ(Requested({"--helpme"}), nullptr);
+    const std::string version = Requested({"--version"});
+    EXPECT_EQ(version, "quorbel-bluetoothd 1.0.0\n");
+    const std::string help = Requested({"ignored", "--help"});
+    EXPECT_EQ(help.rfind("Usage: quorbel-bluetoothd\n", 0), 0u) << help;
+    // the first one named wins
+    EXPECT_EQ(std::string(Requested({"--version", "--help"})), version);
 }

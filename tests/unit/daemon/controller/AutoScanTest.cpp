@@ -205,3 +205,37 @@ TEST_F(AutoScan, StartAndStopFailuresAreLoggedWithTheirCodes) {
     for (const auto& line : capture.Lines())
         EXPECT_EQ(line.priority, LOG_ERR);
 }
+
+TEST_F(AutoScan, EachScanLeavesItsOutcomeForTheStatusLine) {
+    using Outcome = BluetoothController::ScanOutcome;
+    MakeInitialised();
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::None);
+    controller->AutoScanTask();
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Succeeded);
+    {
+        WorkerHoldingTheLock worker(controller->ScanLock());
+        controller->AutoScanTask();
+    }
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Skipped);
+    scanner->scanResult = -1;
+    controller->AutoScanTask();
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Failed);
+    scanner->scanResult = 0;
+    scanner->onScan = [](TestSupport::FakeScanner&) { throw std::out_of_range("vector::_M_range_check"); };
+    controller->AutoScanTask();
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Failed);
+}
+
+TEST_F(AutoScan, AClientsScanIsOnePassWithoutRebootsAndItsOutcomeIsKept) {
+    using Outcome = BluetoothController::ScanOutcome;
+    MakeInitialised();
+    scanner->scanResult = -1;
+    EXPECT_EQ(controller->ScanOnce(), -1);
+    EXPECT_EQ(scanner->ScanCalls(), 1);
+    EXPECT_TRUE(radio->calls.empty());
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Failed);
+    scanner->scanResult = 0;
+    EXPECT_EQ(controller->ScanOnce(), 0);
+    EXPECT_EQ(controller->LastScanOutcome(), Outcome::Succeeded);
+    EXPECT_EQ(controller->DevicesKnown(), scanner->Devices().size());
+}
