@@ -38,7 +38,8 @@ class LogLine:
 
 
 class NotifySocket:
-    '''Receives sd_notify() datagrams on a path given to the daemon as NOTIFY_SOCKET.'''
+    '''Receives sd_notify() datagrams on a path given to the daemon as NOTIFY_SOCKET, read as they come, as
+    systemd reads them: a socket nobody reads fills up, and the daemon's next sd_notify() then blocks.'''
 
     def __init__(self, path):
         self.path = path
@@ -46,25 +47,47 @@ class NotifySocket:
             os.unlink(path)
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_CLOEXEC)
         self.sock.bind(path)
-        self.messages = []   # (monotonic time, text)
+        self.sock.settimeout(0.1)
+        self._received = []   # (monotonic time, text)
+        self._cond = threading.Condition()
+        self._closing = False
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
 
-    def wait_for(self, line, timeout):
-        deadline = time.monotonic() + timeout
-        while True:
-            for when, msg in self.messages:
-                if line in msg.split('\n'):
-                    return when
-            left = deadline - time.monotonic()
-            if left <= 0:
-                return None
-            self.sock.settimeout(left)
+    def _read(self):
+        while not self._closing:
             try:
                 data = self.sock.recv(4096)
             except socket.timeout:
-                return None
-            self.messages.append((time.monotonic(), data.decode('utf-8', 'replace')))
+                continue
+            except OSError:
+                return
+            with self._cond:
+                self._received.append((time.monotonic(), data.decode('utf-8', 'replace')))
+                self._cond.notify_all()
+
+    @property
+    def messages(self):
+        '''Every datagram received so far, oldest first: (monotonic time, text).'''
+        with self._cond:
+            return list(self._received)
+
+    def wait_for(self, line, timeout):
+        '''The time a datagram with LINE among its lines came, waiting up to TIMEOUT seconds; None if none.'''
+        deadline = time.monotonic() + timeout
+        with self._cond:
+            while True:
+                for when, msg in self._received:
+                    if line in msg.split('\n'):
+                        return when
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return None
+                self._cond.wait(left)
 
     def close(self):
+        self._closing = True
+        self._reader.join()
         self.sock.close()
         if os.path.exists(self.path):
             os.unlink(self.path)
