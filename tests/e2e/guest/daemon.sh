@@ -185,6 +185,15 @@ scenario_daemon() {
       step daemon.camera_commands FAIL "(camera received: ${writes:-nothing})"
     fi
     camera_down
+    # bluetoothd aborts, when it does, in the link's teardown a moment after the camera went: let the
+    # teardown finish before looking, so that the radio's steps do not meet a bluetoothd that is dying
+    local camera_path=/org/bluez/hci0/dev_${HCI1_ADDR//:/_} i
+    for i in $(seq 100); do
+      [ "$(busctl --system get-property org.bluez "$camera_path" org.bluez.Device1 Connected 2>/dev/null)" = \
+        "b true" ] || break
+      sleep 0.1
+    done
+    sleep 1
     bluetoothd_alive daemon.camera
   fi
 
