@@ -63,15 +63,28 @@ stdbuf -oL btmon -T >"$OUT/btmon.txt" 2>&1 &
 mkdir -p /etc/vantu
 printf 'serial=QB00012345\nmodel=Cobalt\nradio_type=1\n' >/etc/vantu/identity
 t0=$(uptime_s)
-if until_ok 30 peer_ready com.quorbel.common.Settings1 && until_ok 10 peer_ready com.quorbel.Network1 &&
-   until_ok 10 peer_ready com.quorbel.common.Pylon1 && until_ok 20 has_hci0 &&
-   until_ok 20 is_state bluetooth.service active/running && until_ok 20 bluez_has_hci0; then
-  verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs and has it"
-else
-  verdict neighbours FAIL "variscite-bt $(show variscite-bt.service ActiveState), bluetooth" \
-    "$(show bluetooth.service ActiveState), hci0 $(has_hci0 && echo present || echo absent)"
+# neighbour SECONDS WHAT COMMAND...: waits for one neighbour; names it in the verdict when it never came
+neighbour() {
+  local seconds=$1 what=$2 t=$(uptime_s); shift 2
+  until_ok "$seconds" "$@" && return 0
+  verdict neighbours FAIL "no $what after $(since "$t")s: variscite-bt $(show variscite-bt.service ActiveState)," \
+    "bluetooth $(show bluetooth.service ActiveState), qb-user-bus $(show qb-user-bus.service ActiveState)," \
+    "hci0 $(has_hci0 && echo present || echo absent)"
+  local unit
+  for unit in qb-user-bus qb-sim@settings qb-sim@network qb-sim@power variscite-bt bluetooth; do
+    note neighbours "$unit: $(show $unit.service ActiveState)/$(show $unit.service SubState)," \
+      "result $(show $unit.service Result); last lines:" \
+      "$(journalctl -b -u $unit.service -n 4 -o cat --no-pager 2>&1 | tr '\n' '|')"
+  done
   exit 1
-fi
+}
+neighbour 60 "settings daemon" peer_ready com.quorbel.common.Settings1
+neighbour 10 "network daemon" peer_ready com.quorbel.Network1
+neighbour 10 "power daemon" peer_ready com.quorbel.common.Pylon1
+neighbour 20 "hci0" has_hci0
+neighbour 20 "running bluetoothd" is_state bluetooth.service active/running
+neighbour 20 "adapter in bluetoothd" bluez_has_hci0
+verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs and has it"
 took neighbours "$t0"
 
 # ---- installed as Debian installs it: enabled, and started by the package ----------------------------
