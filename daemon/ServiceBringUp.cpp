@@ -60,6 +60,8 @@ int OnBusRetry(sd_event_source* source, uint64_t, void*) {
         if (g_server->IsStarted()) {
             g_served = r >= 0;
             StopWaitingForBus();
+            // the siblings' listeners and what they hold come back with the bus
+            g_controller->SiblingBusReturned();
             return 0;
         }
         g_busRetryUsec = std::min(g_busRetryUsec * 2, kMaxBusRetryUsec);

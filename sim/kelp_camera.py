@@ -13,7 +13,7 @@ The profile (all keys optional) comes from the device's 'X-Camera-Profile' (a{sv
 org.bluez.Mock.AddLEDevice, from the template's camera_<key> parameters, or later from
 org.bluez.Mock.SetCameraState, which accepts the same keys beside the state ones:
 
-  power_on_ms (u, 0)          time from a power command to the new power state; when it is not 0 the
+  power_on_ms (u, 0)          time from a power command's answer to the new power state; when not 0 the
                               command is answered with the current letter and the new one is notified
                               by itself once it applies
   wifi_settle (s, "")         the state the access point settles in after booting: "R" ready, "C"
@@ -23,7 +23,7 @@ org.bluez.Mock.SetCameraState, which accepts the same keys beside the state ones
   wifi_unavailable_ms (u, 0)  with wifi_settle: after switching on from 'U', time in 'G' before the
                               access point boots
   wifi_boot_ms (u, 0)         then time in 'B' (booting) before it settles
-  band_change_ms (u, 0)       time from a frequency command to the new band
+  band_change_ms (u, 0)       time from a frequency command's answer to the new band
   band_boot_ms (u, 0)         when not 0, the Wi-Fi passes through 'B' for that long with the new band,
                               then settles in wifi_settle (or returns to its former state)
   band_applied (s, "")        the band the camera really takes on a frequency command ("" = the one
@@ -138,7 +138,8 @@ class KelpBehaviour:
         epoch = self._power_epoch
         delay = self.profile['power_on_ms']
         if delay > 0:
-            self.schedule(delay, self._apply_power, epoch, letter, True)
+            # from the answer on: a stalled main loop must not let the change overtake the answer
+            self._follow(delay, self._apply_power, epoch, letter, True)
         else:
             self._apply_power(epoch, letter, False)
 
@@ -148,7 +149,7 @@ class KelpBehaviour:
         applied = self.profile['band_applied'] or band
         delay = self.profile['band_change_ms']
         if delay > 0:
-            self.schedule(delay, self._apply_band, epoch, applied, True)
+            self._follow(delay, self._apply_band, epoch, applied, True)
         else:
             self._apply_band(epoch, applied, False)
 

@@ -6,6 +6,7 @@
 #include <any>
 #include <cstdint>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include "backend/Advertiser.h"
@@ -62,6 +63,13 @@ ControllerHooks SystemControllerHooks() {
     hooks.readNetworkProperties = [](sdbus_utils::TypedPropertyMap& properties) {
         return Networkd::NetworkDaemonDbusHandler::GetAllNetworkProperties(properties);
     };
+    hooks.followSibling = [](DbusHelper::DbusListener& client, const char* service,
+                             std::function<void()> appeared) {
+        return client.ListenNameAppeared(service, std::move(appeared));
+    };
+    hooks.readSettingsSection = [](sdbus_utils::TypedPropertyMap& settings) {
+        return Settingsd::SettingsDaemonDbusHandler::GetSectionSettings(BluetoothSettingsSection, settings);
+    };
     hooks.sleep = Loop::SleepFor;
     hooks.radioType = VantuInfo::ThisVantu::RadioType;
     hooks.monotonicNowUsec = MonotonicNowUsec;
@@ -80,26 +88,23 @@ BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks co
         [this](bool success, const std::string& json) { configuredCamera.emit(success, json); });
 
     settingsClient = std::make_shared<Settingsd::SettingsDaemonDbusHandler>(loop);
-    if (hooks.listenSettings(*settingsClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register SettingsDaemon d-bus listener", kConstructor);
     settingsClient->SectionChanged(BluetoothSettingsSection)
         .connect(sigc::mem_fun(*this, &BluetoothController::SettingsChanged));
-
     powerClient = std::make_shared<Pylond::PylonDaemonDbusHandler>(loop);
-    if (hooks.listenPower(*powerClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register PylonDaemon d-bus listener", kConstructor);
     powerClient->PowerSignal().connect(sigc::mem_fun(*this, &BluetoothController::PowerPropertiesChanged));
+    networkClient = std::make_shared<Networkd::NetworkDaemonDbusHandler>(loop);
+    networkClient->PropertiesChanged().connect(
+        sigc::mem_fun(*this, &BluetoothController::NetworkPropertiesChanged));
+
+    ListenToSettings(kConstructor);
+    ListenToPower(kConstructor);
     sdbus_utils::TypedPropertyMap power;
     if (hooks.readPowerProperties(power) < 0)
         Logging::Log(LOG_ERR, "%s: Failed to GetAllPowerProperties from PylonDaemon", kConstructor);
     else
         PowerPropertiesChanged(power);
 
-    networkClient = std::make_shared<Networkd::NetworkDaemonDbusHandler>(loop);
-    if (hooks.listenNetwork(*networkClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register NetworkDaemon d-bus listener", kConstructor);
-    networkClient->PropertiesChanged().connect(
-        sigc::mem_fun(*this, &BluetoothController::NetworkPropertiesChanged));
+    ListenToNetwork(kConstructor);
     sdbus_utils::TypedPropertyMap network;
     if (hooks.readNetworkProperties(network) < 0)
         Logging::Log(LOG_ERR, "%s: Failed to GetAllNetworkProperties from NetworkDaemon", kConstructor);
@@ -201,29 +206,20 @@ void BluetoothController::ApplySettings() {
         radio->SetPowered(false);
 }
 
-void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap& settings) {
-    struct Number {
-        const char* key;
-        uint32_t BluetoothController::*field;
-    };
-    struct Flag {
-        const char* key;
-        bool BluetoothController::*field;
-    };
-    using namespace BluetoothSettings;
-    static const Number numbers[] = {
-        {AdvertSchema, &BluetoothController::scanResponseVersion},
-        {AutoScanRateSecs, &BluetoothController::autoScanRateSecs},
-    };
-    static const Flag flags[] = {
-        {AdvertisingEnabled, &BluetoothController::advertisingEnabled},
-        {AutoScanEnabled, &BluetoothController::autoScanEnabled},
-        {Discoverable, &BluetoothController::discoverable},
-        {Pairable, &BluetoothController::pairable},
-        {Powered, &BluetoothController::powered},
-        {SystemCallDebug, &BluetoothController::systemCallDebug},
-    };
+const BluetoothController::NumberSetting BluetoothController::kNumberSettings[2] = {
+    {BluetoothSettings::AdvertSchema, &BluetoothController::scanResponseVersion},
+    {BluetoothSettings::AutoScanRateSecs, &BluetoothController::autoScanRateSecs},
+};
+const BluetoothController::FlagSetting BluetoothController::kFlagSettings[6] = {
+    {BluetoothSettings::AdvertisingEnabled, &BluetoothController::advertisingEnabled},
+    {BluetoothSettings::AutoScanEnabled, &BluetoothController::autoScanEnabled},
+    {BluetoothSettings::Discoverable, &BluetoothController::discoverable},
+    {BluetoothSettings::Pairable, &BluetoothController::pairable},
+    {BluetoothSettings::Powered, &BluetoothController::powered},
+    {BluetoothSettings::SystemCallDebug, &BluetoothController::systemCallDebug},
+};
 
+void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap& settings) {
     Logging::Log(LOG_INFO, "%s", "void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap&)");
     for (const auto& [key, typed] : settings) {
         Logging::Log(LOG_INFO, "name: %s", key.c_str());
@@ -231,12 +227,12 @@ void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap& setting
         // an unknown key, or a known one with another signature, is skipped; a value of the wrong C++
         // type behind the right signature throws std::bad_any_cast to the listener's C boundary
         if (signature == "u") {
-            for (const Number& number : numbers) {
+            for (const NumberSetting& number : kNumberSettings) {
                 if (key == number.key)
                     this->*number.field = std::any_cast<uint32_t>(value);
             }
         } else if (signature == "b") {
-            for (const Flag& flag : flags) {
+            for (const FlagSetting& flag : kFlagSettings) {
                 if (key == flag.key)
                     this->*flag.field = std::any_cast<bool>(value);
             }
@@ -244,4 +240,93 @@ void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap& setting
     }
     // whatever changed, the whole configuration is applied again
     ApplySettings();
+}
+
+sdbus_utils::TypedPropertyMap BluetoothController::DifferingSettings(
+    const sdbus_utils::TypedPropertyMap& settings) const {
+    sdbus_utils::TypedPropertyMap differing;
+    for (const auto& [key, typed] : settings) {
+        const auto& [signature, value] = typed;
+        bool differs = false;
+        if (signature == "u" && value.type() == typeid(uint32_t)) {
+            for (const NumberSetting& number : kNumberSettings)
+                differs =
+                    differs || (key == number.key && this->*number.field != std::any_cast<uint32_t>(value));
+        } else if (signature == "b" && value.type() == typeid(bool)) {
+            for (const FlagSetting& flag : kFlagSettings)
+                differs = differs || (key == flag.key && this->*flag.field != std::any_cast<bool>(value));
+        }
+        if (differs)
+            differing.emplace(key, typed);
+    }
+    return differing;
+}
+
+void BluetoothController::ListenToSettings(const char* who) {
+    // a listener connected before the bus went away holds a dead connection
+    if (settingsClient->IsOpen())
+        return;
+    settingsClient->Disconnect();
+    if (hooks.listenSettings(*settingsClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register SettingsDaemon d-bus listener", who);
+    else
+        FollowSibling(*settingsClient, Settingsd::kService, &BluetoothController::ReadSettingsAgain, who);
+}
+
+void BluetoothController::ListenToPower(const char* who) {
+    if (powerClient->IsOpen())
+        return;
+    powerClient->Disconnect();
+    if (hooks.listenPower(*powerClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register PylonDaemon d-bus listener", who);
+    else
+        FollowSibling(*powerClient, Pylond::kService, &BluetoothController::ReadPowerAgain, who);
+}
+
+void BluetoothController::ListenToNetwork(const char* who) {
+    if (networkClient->IsOpen())
+        return;
+    networkClient->Disconnect();
+    if (hooks.listenNetwork(*networkClient) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to register NetworkDaemon d-bus listener", who);
+    else
+        FollowSibling(*networkClient, Networkd::kService, &BluetoothController::ReadNetworkAgain, who);
+}
+
+void BluetoothController::FollowSibling(DbusHelper::DbusListener& client, const char* service,
+                                        void (BluetoothController::*readAgain)(), const char* who) {
+    // a sibling that starts after this daemon, or starts again, is read as it starts
+    if (hooks.followSibling(client, service, [this, readAgain] { (this->*readAgain)(); }) < 0)
+        Logging::Log(LOG_ERR, "%s: Failed to follow %s", who, service);
+}
+
+void BluetoothController::SiblingBusReturned() {
+    ListenToSettings("SiblingBusReturned");
+    ListenToPower("SiblingBusReturned");
+    ListenToNetwork("SiblingBusReturned");
+    // changes sent while the bus was away were lost: what the siblings hold now is the truth
+    ReadPowerAgain();
+    ReadNetworkAgain();
+    ReadSettingsAgain();
+}
+
+void BluetoothController::ReadPowerAgain() {
+    sdbus_utils::TypedPropertyMap power;
+    if (hooks.readPowerProperties(power) >= 0)
+        PowerPropertiesChanged(power);
+}
+
+void BluetoothController::ReadNetworkAgain() {
+    sdbus_utils::TypedPropertyMap network;
+    if (hooks.readNetworkProperties(network) >= 0)
+        NetworkPropertiesChanged(network);
+}
+
+void BluetoothController::ReadSettingsAgain() {
+    sdbus_utils::TypedPropertyMap settings;
+    if (!hooks.readSettingsSection || hooks.readSettingsSection(settings) < 0)
+        return;
+    sdbus_utils::TypedPropertyMap differing = DifferingSettings(settings);
+    if (!differing.empty())
+        SettingsChanged(differing);
 }

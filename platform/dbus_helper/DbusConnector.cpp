@@ -79,6 +79,44 @@ int DbusListener::ListenSignal(const std::string& sender, const std::string& pat
     return 0;
 }
 
+int DbusListener::ListenNameAppeared(const std::string& name, std::function<void()> appeared) {
+    if (Bus() == nullptr)
+        return -ENOTCONN;
+    if (!appeared)
+        return -EINVAL;
+    auto subscription = std::make_unique<Subscription>();
+    subscription->appeared = std::move(appeared);
+    subscription->where = "owner of " + name;
+    // the bus daemon filters on the name (arg0): no traffic for the bus's other clients
+    const std::string rule =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+        name + "'";
+    sd_bus_slot* slot = nullptr;
+    const int r =
+        sd_bus_add_match(Bus(), &slot, rule.c_str(), &DbusListener::NameOwnerChanged, subscription.get());
+    if (r < 0)
+        return r;
+    subscription->slot.reset(slot);
+    subscriptions.push_back(std::move(subscription));
+    return 0;
+}
+
+int DbusListener::NameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* subscription = static_cast<Subscription*>(userdata);
+    return CBoundary::Call(subscription->where.c_str(), [&] {
+        const char* name = nullptr;
+        const char* oldOwner = nullptr;
+        const char* newOwner = nullptr;
+        const int r = sd_bus_message_read(m, "sss", &name, &oldOwner, &newOwner);
+        if (r < 0)
+            return r;
+        if (newOwner != nullptr && newOwner[0] != '\0')
+            subscription->appeared();
+        return 0;
+    });
+}
+
 int DbusListener::Trampoline(sd_bus_message* m, void* userdata, sd_bus_error* error) {
     auto* subscription = static_cast<Subscription*>(userdata);
     return CBoundary::Call(subscription->where.c_str(),

@@ -331,6 +331,8 @@ class Rig {
         hooks.readFlagSetting = [](const char*, bool safeDefault) { return safeDefault; };
         hooks.readPowerProperties = [](sdbus_utils::TypedPropertyMap&) { return -ENOTCONN; };
         hooks.readNetworkProperties = [](sdbus_utils::TypedPropertyMap&) { return -ENOTCONN; };
+        hooks.followSibling = [](DbusHelper::DbusListener&, const char*, std::function<void()>) { return 0; };
+        hooks.readSettingsSection = [](sdbus_utils::TypedPropertyMap&) { return -ENOTCONN; };
         hooks.sleep = [](std::chrono::milliseconds) {};
         hooks.radioType = [] { return 0; };
         // the auto-scan timer is armed but its loop never runs

@@ -125,7 +125,12 @@ class TestEnv:
         sock = self.path(f'{kind}.sock')
         if os.path.exists(sock):
             os.unlink(sock)
-        return self._read_address(kind, self._start_bus(kind))
+        address = self._read_address(kind, self._start_bus(kind))
+        # the new daemon has a new guid: peers started from now on must not name the old one
+        variable = {'session': 'DBUS_SESSION_BUS_ADDRESS', 'system': 'DBUS_SYSTEM_BUS_ADDRESS'}.get(kind)
+        if variable in self.environ:
+            self.environ[variable] = address
+        return address
 
     def late_bus_address(self, name):
         '''The address a user bus called `name` will have once start_late_bus(name) brings it up.'''

@@ -14,17 +14,32 @@ done
 
 [ "$(dpkg-deb -f "$deb" Architecture)" = "$arch" ] || problems+=("Architecture is $(dpkg-deb -f "$deb" Architecture)")
 depends=$(dpkg-deb -f "$deb" Depends)
-for dep in libsystemd0 libsigc++-2.0-0v5 bluez dbus; do
+for dep in libsystemd0 libsigc++-2.0-0v5 bluez dbus dbus-user-session libpam-systemd; do
   grep -qE "(^|, )$(sed 's/[+.]/\\&/g' <<<"$dep")( |,|$)" <<<"$depends" || problems+=("Depends lacks $dep: $depends")
 done
 
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 dpkg-deb -e "$deb" "$tmp/control"
-grep -q "deb-systemd-helper enable 'quorbel-bluetoothd.service'" "$tmp/control/postinst" 2>/dev/null ||
-  problems+=("the postinst does not enable the unit")
-grep -qF 'deb-systemd-invoke $_dh_action '"'"'quorbel-bluetoothd.service'"'" "$tmp/control/postinst" 2>/dev/null ||
-  problems+=("the postinst does not start the unit")
+enables=no starts=no
+# without enabling, debhelper still re-enables a unit that the admin had enabled, behind "debian-installed"
+grep -q "deb-systemd-helper enable 'quorbel-bluetoothd.service'" "$tmp/control/postinst" 2>/dev/null &&
+  ! grep -q "deb-systemd-helper debian-installed 'quorbel-bluetoothd.service'" "$tmp/control/postinst" &&
+  enables=yes
+grep -qF 'deb-systemd-invoke $_dh_action '"'"'quorbel-bluetoothd.service'"'" "$tmp/control/postinst" 2>/dev/null &&
+  starts=yes
+# the unit's package runs the daemon as installed; a development host's only installs it
+if [ "$arch" = armhf ]; then
+  [ "$enables" = yes ] || problems+=("the postinst does not enable the unit")
+  [ "$starts" = yes ] || problems+=("the postinst does not start the unit")
+else
+  [ "$enables" = no ] || problems+=("the postinst enables the unit on a development host")
+  [ "$starts" = no ] || problems+=("the postinst starts the unit on a development host")
+fi
+grep -q "loginctl enable-linger root" "$tmp/control/postinst" 2>/dev/null ||
+  problems+=("the postinst does not let root linger")
+grep -q "loginctl disable-linger root" "$tmp/control/postrm" 2>/dev/null ||
+  problems+=("the postrm does not undo root's lingering")
 
 dpkg-deb -x "$deb" "$tmp/root"
 binary=$tmp/root/usr/sbin/quorbel-bluetoothd

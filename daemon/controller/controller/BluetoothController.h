@@ -27,6 +27,9 @@
 #include "dbus_helper/SdbusUtils.h"
 #include "loop/Sleep.h"
 
+namespace DbusHelper {
+class DbusListener;
+}
 namespace Backend {
 class Advertiser;
 class Radio;
@@ -72,6 +75,11 @@ struct ControllerHooks {
     std::function<bool(const char* key, bool safeDefault)> readFlagSetting;
     std::function<int(sdbus_utils::TypedPropertyMap&)> readPowerProperties;
     std::function<int(sdbus_utils::TypedPropertyMap&)> readNetworkProperties;
+    // Calls the function each time the named sibling gets an owner on the listener's bus (it started, or
+    // started again): 0 or a negative errno.
+    std::function<int(DbusHelper::DbusListener&, const char* service, std::function<void()>)> followSibling;
+    // The whole "bluetooth" section as the settings daemon holds it: 0 or a negative errno (logged).
+    std::function<int(sdbus_utils::TypedPropertyMap&)> readSettingsSection;
 
     // The radio reboot's wait, the camera manager's polls and the camera workers' pauses.
     Loop::Sleeper sleep;
@@ -146,6 +154,12 @@ class BluetoothController {
     uint64_t AutoScanDueUsec() const;
     bool AutoScanArmed() const;
 
+    // The user bus came (back): a sibling listener whose connection is gone listens again, and what the
+    // siblings hold now is read again and goes through the same receivers as their change signals
+    // (settings only where they differ from what the controller has, so that nothing is applied twice).
+    // Meanwhile the controller kept its state; a sibling that cannot be reached yet is logged.
+    void SiblingBusReturned();
+
     // Receivers of the sibling daemons' property maps.
     void SettingsChanged(sdbus_utils::TypedPropertyMap& settings);
     void NetworkPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
@@ -180,7 +194,33 @@ class BluetoothController {
     const std::shared_ptr<KelpBleManager>& CameraManager() const { return remoteCameraManager; }
 
   private:
+    // The "bluetooth" settings the controller keeps, by key and signature.
+    struct NumberSetting {
+        const char* key;
+        uint32_t BluetoothController::*field;
+    };
+    struct FlagSetting {
+        const char* key;
+        bool BluetoothController::*field;
+    };
+    static const NumberSetting kNumberSettings[2];
+    static const FlagSetting kFlagSettings[6];
+
     void ReadSettings();
+    // Listen to one sibling daemon and follow its name, unless its connection is still open (at
+    // construction, and when the bus returns); failures logged for `who`.
+    void ListenToSettings(const char* who);
+    void ListenToPower(const char* who);
+    void ListenToNetwork(const char* who);
+    void FollowSibling(DbusHelper::DbusListener& client, const char* service,
+                       void (BluetoothController::*readAgain)(), const char* who);
+    // What a sibling holds now, through the receiver of its change signal; settings only where they
+    // differ from the controller's.
+    void ReadPowerAgain();
+    void ReadNetworkAgain();
+    void ReadSettingsAgain();
+    // The entries of `settings` that name a kept setting with its signature and another value.
+    sdbus_utils::TypedPropertyMap DifferingSettings(const sdbus_utils::TypedPropertyMap& settings) const;
     void ApplySettings();
     // Sets the timer's due time and switch; the OR of both calls' results.
     int ArmTimer(uint64_t dueUsec, int enabled);

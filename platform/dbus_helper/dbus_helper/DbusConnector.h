@@ -13,6 +13,7 @@
 #include <systemd/sd-event.h>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,6 +38,9 @@ class DbusConnector {
 
     sd_bus* Bus() const { return bus.get(); }
     bool IsConnected() const { return bus != nullptr; }
+    // Connected, and the bus has not closed the connection since (a bus that went away leaves the
+    // connection kept but dead: Disconnect() it, then connect again).
+    bool IsOpen() const { return bus != nullptr && sd_bus_is_open(bus.get()) > 0; }
 
   protected:
     // Runs before the connection closes, so that subclasses release what lives on it.
@@ -58,6 +62,10 @@ class DbusListener : public DbusConnector {
     int ListenSignal(const std::string& sender, const std::string& path, const std::string& interface,
                      const std::string& member, sd_bus_message_handler_t callback, void* userdata);
 
+    // Calls `appeared` each time `name` gets an owner on the bus: a peer that starts, or starts again,
+    // after this listener connected. 0, or a negative errno; -ENOTCONN before Connect().
+    int ListenNameAppeared(const std::string& name, std::function<void()> appeared);
+
     std::size_t SubscriptionCount() const { return subscriptions.size(); }
 
   protected:
@@ -68,9 +76,11 @@ class DbusListener : public DbusConnector {
         sd_bus_message_handler_t callback = nullptr;
         void* userdata = nullptr;
         std::string where;
+        std::function<void()> appeared;
         Slot slot;
     };
     static int Trampoline(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int NameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error* error);
 
     std::vector<std::unique_ptr<Subscription>> subscriptions;
 };

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 '''The API follows its bus: with the user bus absent at start, lost while running, or the daemon's name
 held by another client, the daemon binary logs it once, keeps advertising and auto-scan going, and serves
-its whole API within 2 s of the bus (re)appearing or the name coming free, without a second start.'''
+its whole API within 2 s of the bus (re)appearing or the name coming free, without a second start; the
+sibling daemons are listened to and read again as they come back on the bus.'''
 import os
 import sys
 import time
@@ -41,6 +42,13 @@ def served(conn):
                                                                        dbus_interface=PROPS)) in (3, 4)
     except dbus.exceptions.DBusException:
         return False
+
+
+def advert_schema(conn):
+    try:
+        return int(conn.get_object(NAME, PATH, introspect=False).Get(ADVERT, 'AdvertSchema', dbus_interface=PROPS))
+    except dbus.exceptions.DBusException:
+        return None
 
 
 class BusLate(unittest.TestCase):
@@ -134,6 +142,18 @@ class BusLate(unittest.TestCase):
             # no second start sequence
             self.assertEqual(start_sequences(unit.env.hci_calls()), 1, unit.env.hci_calls())
             self.assertEqual(unit.adapter_calls('Set'), switches)
+            self.assertEqual(daemon.count('Initialising bluetooth daemon...'), 1)
+
+            # the settings daemon comes back on the new bus holding another schema: read as it appears
+            self.assertEqual(advert_schema(unit.user), 4)
+            unit.env.stop_peer('settings')
+            unit.env.start_peer('settings', {'advertSchema': 3})
+            self.assertTrue(wait_until(lambda: advert_schema(unit.user) == 3, 10), daemon.texts())
+            self.assertIsNotNone(daemon.wait_line('name: advertSchema', 5), daemon.texts())
+            # and its listener is back: a change it sends now arrives
+            unit.set_prop('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth',
+                          'advertSchema', dbus.UInt32(4))
+            self.assertTrue(wait_until(lambda: advert_schema(unit.user) == 4, 10), daemon.texts())
             self.assertEqual(daemon.count('Initialising bluetooth daemon...'), 1)
 
 

@@ -1,8 +1,9 @@
 #!/bin/bash
 # The installed package under the guest's real systemd (PID 1). Run by qb-service-test.service once
-# the unit's neighbours are up: root's user bus with the simulated settings, network and power
-# daemons, bluetoothd, and the stand-in board bring-up that makes hci0. Every scenario writes its
-# verdict to steps.txt; the run's verdict goes to result; then the machine powers off.
+# the unit's system neighbours are up: bluetoothd and the stand-in board bring-up that makes hci0.
+# Root's user bus is the real one (dbus-user-session under user@0.service), there once the package has
+# made root linger; the simulated settings, network and power daemons join it then. Every scenario
+# writes its verdict to steps.txt; the run's verdict goes to result; then the machine powers off.
 set -u
 set -a; . /tmp/qb-e2e/run.env; set +a
 . "$QB_E2E_GUEST_DIR/stack.sh" # OUT, step, took, note, wait_for_line
@@ -67,39 +68,55 @@ t0=$(uptime_s)
 neighbour() {
   local seconds=$1 what=$2 t=$(uptime_s); shift 2
   until_ok "$seconds" "$@" && return 0
-  verdict neighbours FAIL "no $what after $(since "$t")s: variscite-bt $(show variscite-bt.service ActiveState)," \
-    "bluetooth $(show bluetooth.service ActiveState), qb-user-bus $(show qb-user-bus.service ActiveState)," \
+  verdict "$waiting_for" FAIL "no $what after $(since "$t")s: variscite-bt $(show variscite-bt.service ActiveState)," \
+    "bluetooth $(show bluetooth.service ActiveState), user@0 $(show user@0.service ActiveState)," \
     "hci0 $(has_hci0 && echo present || echo absent)"
   local unit
-  for unit in qb-user-bus qb-sim@settings qb-sim@network qb-sim@power variscite-bt bluetooth; do
-    note neighbours "$unit: $(show $unit.service ActiveState)/$(show $unit.service SubState)," \
+  for unit in user@0 qb-sim@settings qb-sim@network qb-sim@power variscite-bt bluetooth; do
+    note "$waiting_for" "$unit: $(show $unit.service ActiveState)/$(show $unit.service SubState)," \
       "result $(show $unit.service Result); last lines:" \
       "$(journalctl -b -u $unit.service -n 4 -o cat --no-pager 2>&1 | tr '\n' '|')"
   done
   exit 1
 }
-neighbour 60 "settings daemon" peer_ready com.quorbel.common.Settings1
-neighbour 10 "network daemon" peer_ready com.quorbel.Network1
-neighbour 10 "power daemon" peer_ready com.quorbel.common.Pylon1
+waiting_for=neighbours
 neighbour 20 "hci0" has_hci0
 neighbour 20 "running bluetoothd" is_state bluetooth.service active/running
 neighbour 20 "adapter in bluetoothd" bluez_has_hci0
-verdict neighbours PASS "siblings answer on root's user bus, hci0 is there, bluetoothd runs and has it"
+verdict neighbours PASS "hci0 is there, bluetoothd runs and has it"
 took neighbours "$t0"
 
-# ---- installed as Debian installs it: enabled, and started by the package ----------------------------
+# ---- installed as on a development host: root lingers, the service is neither enabled nor started ------
+LINGER=/var/lib/systemd/linger/root
+USER_BUS=/run/user/0/bus
+user_bus_up() { [ -S "$USER_BUS" ]; }
+[ -e "$LINGER" ] && note install "root lingers before the package: the purge check means nothing"
 t0=$(uptime_s)
 dpkg -i "$QB_DEB" >"$OUT/dpkg.log" 2>&1
 rc=$?
 took install "$t0"
-if [ "$rc" = 0 ] && [ "$(systemctl is-enabled "$UNIT")" = enabled ] &&
-   [ -L "/etc/systemd/system/multi-user.target.wants/$UNIT" ] && is_state "$UNIT" active/running; then
-  verdict install PASS "dpkg -i: enabled in multi-user.target, started, $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)"
+enabled=$(systemctl is-enabled "$UNIT" 2>&1)
+if [ "$rc" = 0 ] && [ "$enabled" = disabled ] && [ ! -e "/etc/systemd/system/multi-user.target.wants/$UNIT" ] &&
+   is_state "$UNIT" inactive/dead && [ -e "$LINGER" ] && until_ok 20 is_state user@0.service active/running &&
+   until_ok 10 user_bus_up; then
+  verdict install PASS "dpkg -i (amd64): $enabled and $(show "$UNIT" ActiveState); root lingers," \
+    "user@0.service gives $USER_BUS"
 else
-  verdict install FAIL "dpkg exit $rc, is-enabled $(systemctl is-enabled "$UNIT" 2>&1)," \
-    "$(show "$UNIT" ActiveState)/$(show "$UNIT" SubState) (dpkg.log)"
+  verdict install FAIL "dpkg exit $rc, is-enabled $enabled, $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)," \
+    "linger $([ -e "$LINGER" ] && echo yes || echo no), user@0 $(show user@0.service ActiveState)," \
+    "bus $(user_bus_up && echo yes || echo no) (dpkg.log)"
   exit 1
 fi
+
+# ---- the sibling daemons on root's user bus --------------------------------------------------------------
+t0=$(uptime_s)
+systemctl start qb-sim@settings.service qb-sim@network.service qb-sim@power.service
+waiting_for=siblings
+neighbour 60 "settings daemon" peer_ready com.quorbel.common.Settings1
+neighbour 20 "network daemon" peer_ready com.quorbel.Network1
+neighbour 20 "power daemon" peer_ready com.quorbel.common.Pylon1
+verdict siblings PASS "settings, network and power answer on root's user bus"
+took siblings "$t0"
 
 # ---- the unit file as systemd reads it, and its exposure ---------------------------------------------
 verify=$(systemd-analyze verify "$UNIT" 2>&1)
@@ -136,6 +153,14 @@ if [ "$rc" = 0 ] && [ "$state" = active/running ] && [ "$owned" = yes ] &&
 else
   verdict start-ready FAIL "start exit $rc, $state, name owned: $owned, Type $(show "$UNIT" Type)," \
     "interfaces: $interfaces"
+fi
+
+# ---- systemd shows what the daemon is doing ---------------------------------------------------------------
+serving_status() { systemctl status --no-pager "$UNIT" 2>&1 | grep -q 'Status: "Serving; advertising schema'; }
+if until_ok 10 serving_status; then
+  verdict status PASS "systemctl status: $(systemctl status --no-pager "$UNIT" | grep -o 'Status: .*')"
+else
+  verdict status FAIL "no serving Status line in: $(systemctl status --no-pager "$UNIT" 2>&1 | tr '\n' '|')"
 fi
 
 # the radio's HCI tools ran inside the sandbox: the controller took the scan response
@@ -253,4 +278,77 @@ else
   verdict crash FAIL "NRestarts $(show "$UNIT" NRestarts), $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)," \
     "MainPID $(show "$UNIT" MainPID) (was $pid)"
 fi
+
+# ---- root's user bus restarted under the running daemon: the API is back without a restart ----------------
+if ! name_owned; then systemctl restart "$UNIT"; until_ok 20 name_owned; fi
+pid=$(show "$UNIT" MainPID)
+invocation=$(show "$UNIT" InvocationID)
+old_bus=$(stat -c %i "$USER_BUS" 2>/dev/null)
+new_bus_up() { [ -S "$USER_BUS" ] && [ "$(stat -c %i "$USER_BUS" 2>/dev/null)" != "$old_bus" ]; }
+systemctl restart --no-block user@0.service
+if until_ok 30 new_bus_up; then
+  t0=$(uptime_s)
+  # polled as fast as busctl starts in this guest: the figure is an upper bound
+  deadline=$(( $(date +%s) + 20 ))
+  until name_owned || [ "$(date +%s)" -ge "$deadline" ]; do sleep 0.05; done
+  back=$(since "$t0")
+  lost=$(logged "$invocation" "Run: the bus went away, serving again once it is back")
+  if name_owned && [ "$(show "$UNIT" MainPID)" = "$pid" ] && [ "$lost" = 1 ] &&
+     awk -v b="$back" 'BEGIN { exit !(b <= 2.0) }'; then
+    verdict user-bus-restart PASS "systemctl restart user@0.service: the API back ${back}s after the new bus" \
+      "socket appeared (at most 2 s), same daemon (PID $pid), the loss logged once"
+  else
+    verdict user-bus-restart FAIL "API back: $(name_owned && echo "after ${back}s" || echo no), PID" \
+      "$(show "$UNIT" MainPID) (was $pid), loss lines $lost"
+  fi
+else
+  verdict user-bus-restart FAIL "no new $USER_BUS after restarting user@0.service ($(show user@0.service ActiveState))"
+fi
+
+# ---- a loop that stops turning: systemd's watchdog restarts the daemon ----------------------------------------
+# the unit's interval (minutes) is cut short for the test by a drop-in; the mechanism is the same
+WATCHDOG_S=10
+mkdir -p "/run/systemd/system/$UNIT.d"
+printf '[Service]\nWatchdogSec=%ss\n' "$WATCHDOG_S" >"/run/systemd/system/$UNIT.d/watchdog.conf"
+systemctl daemon-reload
+systemctl restart "$UNIT"
+until_ok 20 name_owned
+pid=$(show "$UNIT" MainPID)
+restarts=$(show "$UNIT" NRestarts)
+invocation=$(show "$UNIT" InvocationID)
+# the loop turns freely for two intervals: no restart while it does
+sleep $(( 2 * WATCHDOG_S ))
+if [ "$(show "$UNIT" MainPID)" != "$pid" ]; then
+  verdict watchdog FAIL "restarted while its loop was free (MainPID $(show "$UNIT" MainPID), was $pid)"
+else
+  kill -STOP "$pid"
+  t0=$(uptime_s)
+  if until_ok $(( WATCHDOG_S + 30 )) restarted && until_ok 20 name_owned; then
+    took watchdog "$t0"
+    timeouts=$(journalctl -b -u "$UNIT" -o cat --no-pager 2>/dev/null | grep -c "Watchdog timeout")
+    after=$(since "$t0")
+    if awk -v a="$after" -v w="$WATCHDOG_S" 'BEGIN { exit !(a <= w + 15) }' && [ "$timeouts" -ge 1 ]; then
+      verdict watchdog PASS "SIGSTOP: systemd's watchdog (WatchdogSec=${WATCHDOG_S}s) restarted the daemon," \
+        "serving again ${after}s after the stop"
+    else
+      verdict watchdog FAIL "serving again ${after}s after the stop (at most ${WATCHDOG_S}s + 15 s)," \
+        "watchdog timeouts logged: $timeouts"
+    fi
+  else
+    kill -CONT "$pid" 2>/dev/null
+    verdict watchdog FAIL "not restarted: NRestarts $(show "$UNIT" NRestarts), MainPID $(show "$UNIT" MainPID)" \
+      "(was $pid), $(show "$UNIT" ActiveState)/$(show "$UNIT" SubState)"
+  fi
+fi
+rm -rf "/run/systemd/system/$UNIT.d"
+systemctl daemon-reload
 systemctl stop "$UNIT"
+
+# ---- purged: root's lingering goes with the package that switched it on ------------------------------------
+dpkg --purge quorbel-bluetoothd >"$OUT/purge.log" 2>&1
+rc=$?
+if [ "$rc" = 0 ] && [ ! -e "$LINGER" ] && [ ! -e /var/lib/quorbel-bluetoothd ]; then
+  verdict purge PASS "dpkg --purge: root lingers no more, nothing of the package left in /var/lib"
+else
+  verdict purge FAIL "dpkg --purge exit $rc, linger $([ -e "$LINGER" ] && echo still || echo gone) (purge.log)"
+fi

@@ -82,6 +82,18 @@ class ControllerFixture : public ::testing::Test {
                 properties = networkProperties;
             return networkReadResult;
         };
+        hooks.followSibling = [this](DbusHelper::DbusListener&, const char* service,
+                                     std::function<void()> appeared) {
+            journal->push_back(std::string("follow ") + service);
+            siblingAppeared[service] = std::move(appeared);
+            return followResult;
+        };
+        hooks.readSettingsSection = [this](sdbus_utils::TypedPropertyMap& settings) {
+            journal->push_back("read settings");
+            if (settingsReadResult >= 0)
+                settings = settingsSection;
+            return settingsReadResult;
+        };
         hooks.sleep = [this](std::chrono::milliseconds duration) {
             journal->push_back("sleep " + std::to_string(duration.count()) + " ms");
             if (onSleep)
@@ -135,6 +147,12 @@ class ControllerFixture : public ::testing::Test {
     int networkReadResult = -ENOTCONN;
     sdbus_utils::TypedPropertyMap powerProperties;
     sdbus_utils::TypedPropertyMap networkProperties;
+    // What the controller does when a sibling's name gets an owner, by the sibling's service name.
+    std::map<std::string, std::function<void()>> siblingAppeared;
+    int followResult = 0;
+    // The whole "bluetooth" section, as read when the bus returns or the settings daemon appears.
+    int settingsReadResult = -ENOTCONN;
+    sdbus_utils::TypedPropertyMap settingsSection;
 
     // This unit's radio type, as the identity source tells it.
     int radioType = 0;

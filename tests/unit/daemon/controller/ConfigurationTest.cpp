@@ -19,8 +19,9 @@ class Configuration : public ControllerFixture {};
 
 TEST_F(Configuration, ConstructionFollowsTheSiblingsInOrderAndTouchesNoBackend) {
     Make();
-    EXPECT_EQ(*journal,
-              (Journal{"listen settings", "listen power", "read power", "listen network", "read network"}));
+    EXPECT_EQ(*journal, (Journal{"listen settings", "follow com.quorbel.common.Settings1", "listen power",
+                                 "follow com.quorbel.common.Pylon1", "read power", "listen network",
+                                 "follow com.quorbel.Network1", "read network"}));
     EXPECT_TRUE(radio->calls.empty());
     EXPECT_TRUE(advertiser->calls.empty());
     EXPECT_EQ(scanner->ScanCalls(), 0);
@@ -246,4 +247,114 @@ TEST_F(Configuration, SetAdvertisingEnabledActsOnlyOnAChange) {
     controller->SetAdvertisingEnabled(true);
     EXPECT_EQ(*journal, Journal{"advertiser start"});
     EXPECT_TRUE(controller->GetAdvertisingEnabled());
+}
+
+TEST_F(Configuration, TheBusReturningListensAgainAndReadsWhatTheSiblingsHoldNow) {
+    MakeInitialised();
+    powerReadResult = 0;
+    powerProperties = Map({{"ActivePowerSource", {"i", int32_t{1}}}});
+    networkReadResult = 0;
+    networkProperties = Map({{"SSID", {"s", std::string("Field")}}});
+    settingsReadResult = 0;
+    controller->SiblingBusReturned();
+    // the fakes' listeners never hold a connection, so every one listens again
+    EXPECT_EQ(*journal,
+              (Journal{"listen settings", "follow com.quorbel.common.Settings1", "listen power",
+                       "follow com.quorbel.common.Pylon1", "listen network", "follow com.quorbel.Network1",
+                       "read power", "read network", "read settings"}));
+    EXPECT_EQ(ScanResponse::Utils::ThisDevice::StoredPowerState().activePowerSource, 1);
+    EXPECT_EQ(ScanResponse::Utils::ThisDevice::SSID(), "Field");
+}
+
+TEST_F(Configuration, TheBusReturningAppliesOnlySettingsThatDifferThroughTheChangePath) {
+    numbers = {{"autoScanRateSecs", 30}};
+    MakeInitialised();
+    settingsReadResult = 0;
+    settingsSection = Map({{"autoScanRateSecs", {"u", uint32_t{30}}},
+                           {"autoScanEnabled", {"b", false}},
+                           {"pairable", {"b", true}},
+                           {"someOtherKey", {"s", std::string("x")}}});
+    Logging::Capture capture;
+    controller->SiblingBusReturned();
+    EXPECT_TRUE(
+        capture.Contains("void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap&)"));
+    EXPECT_EQ(capture.Count("name: autoScanEnabled", LOG_INFO), 1u);
+    EXPECT_EQ(capture.Count("name: autoScanRateSecs", LOG_INFO), 0u);
+    EXPECT_EQ(capture.Count("name: pairable", LOG_INFO), 0u);
+    EXPECT_EQ(capture.Count("name: someOtherKey", LOG_INFO), 0u);
+    EXPECT_FALSE(controller->GetAutoScanEnabled());
+    EXPECT_FALSE(controller->AutoScanArmed());
+}
+
+TEST_F(Configuration, TheBusReturningWithSettingsAsTheyWereAppliesNothing) {
+    MakeInitialised();
+    settingsReadResult = 0;
+    settingsSection = Map({{"advertSchema", {"u", uint32_t{3}}}, {"powered", {"b", true}}});
+    Logging::Capture capture;
+    controller->SiblingBusReturned();
+    EXPECT_FALSE(
+        capture.Contains("void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap&)"));
+    EXPECT_TRUE(radio->calls.empty());
+    EXPECT_TRUE(advertiser->calls.empty());
+}
+
+TEST_F(Configuration, TheBusReturningWithSiblingsStillAwayKeepsWhatTheControllerHas) {
+    flags = {{"autoScanEnabled", false}};
+    MakeInitialised();
+    listenResult = -ECONNREFUSED;
+    Logging::Capture capture;
+    controller->SiblingBusReturned();
+    for (const char* sibling : {"SettingsDaemon", "PylonDaemon", "NetworkDaemon"})
+        EXPECT_EQ(capture.Count(
+                      std::string("SiblingBusReturned: Failed to register ") + sibling + " d-bus listener",
+                      LOG_ERR),
+                  1u)
+            << sibling;
+    EXPECT_FALSE(
+        capture.Contains("void BluetoothController::SettingsChanged(sdbus_utils::TypedPropertyMap&)"));
+    EXPECT_FALSE(controller->GetAutoScanEnabled());
+    EXPECT_TRUE(radio->calls.empty());
+}
+
+TEST_F(Configuration, AListenerThatFailedFollowsNoName) {
+    listenResult = -ECONNREFUSED;
+    Make();
+    EXPECT_EQ(*journal,
+              (Journal{"listen settings", "listen power", "read power", "listen network", "read network"}));
+    EXPECT_TRUE(siblingAppeared.empty());
+}
+
+TEST_F(Configuration, AFollowThatFailsIsLoggedAndConstructionGoesOn) {
+    followResult = -ENOMEM;
+    Logging::Capture capture;
+    Make();
+    EXPECT_EQ(capture.Count(std::string(kCtor) + "Failed to follow com.quorbel.common.Settings1", LOG_ERR),
+              1u);
+    EXPECT_EQ(capture.Count(std::string(kCtor) + "Failed to follow com.quorbel.common.Pylon1", LOG_ERR), 1u);
+    EXPECT_EQ(capture.Count(std::string(kCtor) + "Failed to follow com.quorbel.Network1", LOG_ERR), 1u);
+    EXPECT_TRUE(controller->Initialise());
+}
+
+TEST_F(Configuration, ASiblingThatStartsLaterIsReadAsItStarts) {
+    MakeInitialised();
+    ASSERT_EQ(siblingAppeared.size(), 3u);
+    settingsReadResult = 0;
+    settingsSection = Map({{"advertisingEnabled", {"b", false}}});
+    Logging::Capture capture;
+    siblingAppeared.at("com.quorbel.common.Settings1")();
+    ASSERT_FALSE(journal->empty());
+    EXPECT_EQ(journal->front(), "read settings");
+    EXPECT_EQ(std::count(journal->begin(), journal->end(), "read settings"), 1);
+    EXPECT_EQ(capture.Count("name: advertisingEnabled", LOG_INFO), 1u);
+    EXPECT_FALSE(controller->GetAdvertisingEnabled());
+
+    journal->clear();
+    powerReadResult = 0;
+    powerProperties = Map({{"ActivePowerSource", {"i", int32_t{3}}}});
+    siblingAppeared.at("com.quorbel.common.Pylon1")();
+    EXPECT_EQ(ScanResponse::Utils::ThisDevice::StoredPowerState().activePowerSource, 3);
+    networkReadResult = 0;
+    networkProperties = Map({{"IPAddress", {"s", std::string("10.0.0.7")}}});
+    siblingAppeared.at("com.quorbel.Network1")();
+    EXPECT_EQ(*journal, (Journal{"read power", "read network"}));
 }
