@@ -24,7 +24,7 @@ std::shared_ptr<BluetoothDbusServer> g_server;
 bool g_served = false;
 DbusHelper::EventSource g_statusSource;
 
-// While the bus or the name cannot be had (at start, or after the bus went away), Run() is tried again
+// While the bus cannot be had (at start, or after the bus went away), Run() is tried again
 // on a back-off capped at 1 s, and at once when the bus's socket appears in its folder: the API is back
 // as soon as the loop is free after the bus returns, and a bus that stays away costs one connection
 // attempt a second.
@@ -138,10 +138,13 @@ StatusFacts CurrentStatusFacts() {
         facts.phase = StatusFacts::Phase::ControllerFailed;
         return facts;
     }
+    // queued for a name another process holds counts as waiting, as a missing bus does
+    const bool queued = g_server && g_server->IsStarted() && !g_server->OwnsName();
     if (g_served)
         facts.phase = StatusFacts::Phase::Serving;
     else
-        facts.phase = g_busRetry ? StatusFacts::Phase::WaitingForBus : StatusFacts::Phase::NotServed;
+        facts.phase =
+            g_busRetry || queued ? StatusFacts::Phase::WaitingForBus : StatusFacts::Phase::NotServed;
     facts.advertising = g_controller->GetAdvertisingEnabled();
     facts.advertSchema = g_controller->GetScanResponseVersion();
     facts.autoScan = g_controller->GetAutoScanEnabled();
@@ -156,6 +159,8 @@ void BringUpService(sd_event* loop) {
     // built whatever comes next, and only started when the controller came up
     g_server = std::make_shared<BluetoothDbusServer>(g_controller, loop);
     // the radio, advertising and auto-scan go on untouched: only the API waits for the bus to return
+    // the name another process held is handed over: nothing to do but serve
+    g_server->OnNameAcquired([] { g_served = true; });
     g_server->OnBusLost([loop] {
         Logging::Log(LOG_ERR, "%s: the bus went away, serving again once it is back", "Run");
         g_served = false;
@@ -164,7 +169,7 @@ void BringUpService(sd_event* loop) {
     (void)g_controller->Initialise();
     if (g_controller->IsInitialised()) {
         g_served = g_server->Run() >= 0;
-        // no bus yet, or the name is someone else's: both may change
+        // no bus yet: it may come (a name that is someone else's is queued for by the server)
         if (!g_server->IsStarted())
             WaitForBus(loop);
     } else

@@ -1,5 +1,6 @@
 #include "dbus/BluetoothDbusServer.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <utility>
 
@@ -14,7 +15,14 @@
 BluetoothDbusServer::BluetoothDbusServer(std::shared_ptr<BluetoothController> owner, sd_event* loop)
     : DbusServer(BluetoothDbus::kBusName, BluetoothDbus::kObjectPath, BluetoothDbus::kBusName, false, false,
                  loop),
-      controller(std::move(owner)) {}
+      controller(std::move(owner)) {
+    // another owner of the name is waited for in the bus's queue: served the moment it leaves
+    QueueForName([this] {
+        Logging::Log(LOG_INFO, "%s: the bus can be had now, serving", "Run");
+        if (Publish() >= 0 && nameAcquired)
+            nameAcquired();
+    });
+}
 
 BluetoothDbusServer::~BluetoothDbusServer() {
     for (auto& object : objects)
@@ -33,12 +41,19 @@ int BluetoothDbusServer::Run() {
         Logging::Log(LOG_ERR, "%s: Failed to start dbus server, (%d)", "Run", r);
         return -1;
     }
+    if (!OwnsName()) {
+        // queued behind another owner: said as a name the bus refused, and published once handed over
+        Logging::Log(LOG_ERR, "%s: Failed to start dbus server, (%d)", "Run", -EEXIST);
+        return -1;
+    }
     return Publish();
 }
 
 int BluetoothDbusServer::RunAgain() {
     // quiet: Run() has said why the first try failed, and a try per back-off step would flood the log
     if (Start() < 0)
+        return -1;
+    if (!OwnsName())
         return -1;
     Logging::Log(LOG_INFO, "%s: the bus can be had now, serving", "Run");
     return Publish();

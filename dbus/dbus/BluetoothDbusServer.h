@@ -22,17 +22,21 @@ class BluetoothDbusServer : public DbusHelper::DbusServer {
     ~BluetoothDbusServer() override;
 
     // Takes the name, installs the object manager and adds Radio, Advert and Scanner, in that order. 0;
-    // -1 when the bus or the name cannot be had; the object manager's negative error when it cannot be
-    // installed (no interface is added then).
+    // -1 when the bus cannot be had, or the name is another's: then the name is queued for, and all of
+    // this is done when the bus hands it over (OnNameAcquired); the object manager's negative error when
+    // it cannot be installed (no interface is added then).
     int Run();
-    // Run() once more after it failed to have the bus or the name: the same, but a failure to start is
-    // not logged again. 0 once serving.
+    // Run() once more after the bus could not be had or went away: the same, but a failure is not logged
+    // again. 0 once serving.
     int RunAgain();
 
     // Called on the loop thread, from the bus's own dispatch, when a served bus goes away (its
     // dbus-daemon ended or dropped the connection). Stop() and RunAgain() must wait for a later
     // iteration.
     void OnBusLost(std::function<void()> handler) { busLost = std::move(handler); }
+    // Called on the loop thread when the bus has handed over the name this server queued for and the
+    // objects are published.
+    void OnNameAcquired(std::function<void()> handler) { nameAcquired = std::move(handler); }
 
   protected:
     // sd_bus_add_object_manager on the bus for `path`, kept for the bus's lifetime; tests replace it.
@@ -47,4 +51,5 @@ class BluetoothDbusServer : public DbusHelper::DbusServer {
     std::shared_ptr<BluetoothController> controller;
     std::vector<std::shared_ptr<DbusHelper::DbusObject>> objects;
     std::function<void()> busLost;
+    std::function<void()> nameAcquired;
 };

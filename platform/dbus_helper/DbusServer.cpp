@@ -50,13 +50,53 @@ int DbusServer::Start() {
         objectManager.reset(slot);
     }
     // last: once the name is ours, callers may arrive
-    if (r >= 0 && sd_bus_is_bus_client(connection) > 0)
-        r = sd_bus_request_name(connection, serviceName.c_str(), 0);
+    if (r >= 0)
+        r = RequestName(connection);
     if (r < 0) {
         Release();
         return r;
     }
     return 0;
+}
+
+int DbusServer::RequestName(sd_bus* connection) {
+    // a direct connection has no bus to own a name on
+    if (sd_bus_is_bus_client(connection) <= 0) {
+        ownsName = true;
+        return 0;
+    }
+    if (!nameAcquired) {
+        const int r = sd_bus_request_name(connection, serviceName.c_str(), 0);
+        ownsName = r >= 0;
+        return r;
+    }
+    // watched before asking, so that a hand-over right after the answer is not missed
+    sd_bus_slot* slot = nullptr;
+    int r = sd_bus_match_signal(connection, &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                "org.freedesktop.DBus", "NameAcquired", &DbusServer::OnNameAcquired, this);
+    if (r < 0)
+        return r;
+    acquiredMatch.reset(slot);
+    // positive: ours now; 0: queued behind the present owner
+    r = sd_bus_request_name(connection, serviceName.c_str(), SD_BUS_NAME_QUEUE);
+    ownsName = r > 0;
+    return r < 0 ? r : 0;
+}
+
+int DbusServer::OnNameAcquired(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<DbusServer*>(userdata);
+    return CBoundary::Call("OnNameAcquired", [self, m] {
+        const char* name = nullptr;
+        const int r = sd_bus_message_read(m, "s", &name);
+        if (r < 0)
+            return r;
+        // the bus also confirms a name that the request itself gave
+        if (self->ownsName || name == nullptr || self->serviceName != name)
+            return 0;
+        self->ownsName = true;
+        self->nameAcquired();
+        return 0;
+    });
 }
 
 void DbusServer::Stop() {
@@ -156,6 +196,8 @@ void DbusServer::RunOnBusThread(std::function<void()> task) {
 }
 
 void DbusServer::Release() {
+    acquiredMatch.reset();
+    ownsName = false;
     for (auto& object : objects)
         object->Detach();
     objects.clear();

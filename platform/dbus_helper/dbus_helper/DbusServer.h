@@ -3,7 +3,8 @@
 // serves DbusHelper::DbusObject interfaces.
 //
 // Constructor arguments:
-//   serviceName       the well-known name requested by Start() (no queueing: a name owned elsewhere fails)
+//   serviceName       the well-known name requested by Start() (a name owned elsewhere fails, unless
+//                     QueueForName() was called)
 //   objectPath        the service's root object; used for the object manager below
 //   description       the connection's description (sd_bus_set_description), shown in sd-bus debug logs
 //   systemBus         true: the system bus; false: the user bus, where this unit's services and their
@@ -43,6 +44,13 @@ class DbusServer {
     // released again, and Start() may be retried). -EALREADY when already started.
     int Start();
 
+    // From the next Start() on, a name owned elsewhere is queued for instead of failing: Start() returns
+    // 0 with the connection kept and OwnsName() false, and `acquired` runs on the loop's thread when the
+    // bus hands the name over (its owner left). A served name is never given up to another.
+    void QueueForName(std::function<void()> acquired) { nameAcquired = std::move(acquired); }
+    // Started and the well-known name is this connection's (always, on a direct connection).
+    bool OwnsName() const { return bus != nullptr && ownsName; }
+
     // Drops the connection and every registration on it (the objects are kept, detached), so that
     // Start() can serve again, on a new connection. Loop thread, outside the bus's own callbacks.
     void Stop();
@@ -77,6 +85,8 @@ class DbusServer {
   private:
     void Release();
     static int OnRootCall(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    static int OnNameAcquired(sd_bus_message* m, void* userdata, sd_bus_error* error);
+    int RequestName(sd_bus* connection);
     int ReplyManagedObjects(sd_bus_message* m, sd_bus_error* error);
 
     std::string serviceName;
@@ -90,6 +100,9 @@ class DbusServer {
     Slot objectManager;
     Slot topObjectManager;
     Slot rootCalls;
+    Slot acquiredMatch;
+    std::function<void()> nameAcquired;
+    bool ownsName = false;
     std::thread::id busThread;
     std::shared_ptr<Loop::Queue> queue;
     std::vector<std::shared_ptr<DbusObject>> objects;

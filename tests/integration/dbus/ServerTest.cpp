@@ -112,7 +112,7 @@ TEST_F(ServerRun, AnObjectManagerThatCannotBeAddedLeavesNoInterfaceReachable) {
     EXPECT_TRUE(xml.empty() ? failure == "org.freedesktop.DBus.Error.UnknownObject" : true) << failure;
 }
 
-TEST_F(ServerRun, ANameOwnedElsewhereEndsRunBeforeTheObjectManager) {
+TEST_F(ServerRun, ANameOwnedElsewhereEndsRunBeforeTheObjectManagerAndIsQueuedFor) {
     sd_bus* opened = nullptr;
     ASSERT_GE(sd_bus_open_user(&opened), 0);
     DbusHelper::Bus other(opened);
@@ -120,9 +120,23 @@ TEST_F(ServerRun, ANameOwnedElsewhereEndsRunBeforeTheObjectManager) {
 
     Logging::Capture capture;
     ServerWithFailingManager server(shared, loop);
+    int acquired = 0;
+    server.OnNameAcquired([&] { ++acquired; });
     EXPECT_EQ(server.Run(), -1);
     EXPECT_EQ(server.managerCalls, 0);
     EXPECT_EQ(capture.Count("Run: Failed to start dbus server, (-17)", LOG_ERR), 1u);
     EXPECT_EQ(capture.CountContaining("Adding"), 0u);
-    EXPECT_FALSE(server.IsStarted());
+    // waiting in the bus's queue, not owning the name
+    EXPECT_TRUE(server.IsStarted());
+    EXPECT_FALSE(server.OwnsName());
+
+    // the owner leaves: the bus hands the name over, and the rest of Run follows
+    ASSERT_GE(sd_bus_release_name(opened, BluetoothDbus::kBusName), 0);
+    ASSERT_TRUE(BusTest::PumpUntil(
+        loop, [&] { return server.OwnsName(); }, std::chrono::milliseconds(5000)));
+    EXPECT_EQ(capture.Count("Run: the bus can be had now, serving", LOG_INFO), 1u);
+    EXPECT_EQ(server.managerCalls, 1);
+    // this manager fails, so nothing is added and nobody is told the name is served
+    EXPECT_EQ(capture.CountContaining("Adding"), 0u);
+    EXPECT_EQ(acquired, 0);
 }

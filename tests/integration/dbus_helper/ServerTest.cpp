@@ -3,9 +3,12 @@
 #include <sys/wait.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/DbusServer.h"
@@ -165,6 +168,47 @@ TEST(DbusServer, ANameOwnedElsewhereMakesStartFail) {
         EXPECT_EQ(second.Bus(), nullptr);
     });
     EXPECT_TRUE(NameHasOwner(Bus::User, kName));
+}
+
+TEST(DbusServer, QueuedForANameOwnedElsewhereItIsHandedOverWhenTheOwnerLeaves) {
+    auto first = std::make_unique<Served>();
+    ASSERT_EQ(first->startResult, 0);
+    LoopThread thread;
+    std::atomic<int> acquired{0};
+    std::unique_ptr<DbusHelper::DbusServer> second;
+    thread.Run([&] {
+        second = std::make_unique<DbusHelper::DbusServer>(kName, kPath, kName, false, false, thread.Loop());
+        second->QueueForName([&] { ++acquired; });
+        EXPECT_EQ(second->Start(), 0);
+        EXPECT_NE(second->Bus(), nullptr);
+        EXPECT_FALSE(second->OwnsName());
+    });
+    EXPECT_EQ(acquired.load(), 0);
+    first.reset();
+    for (int i = 0; i < 500 && acquired.load() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(acquired.load(), 1);
+    EXPECT_TRUE(thread.Run([&] { return second->OwnsName(); }));
+    EXPECT_TRUE(NameHasOwner(Bus::User, kName));
+    thread.Run([&] { second.reset(); });
+    EXPECT_FALSE(NameHasOwner(Bus::User, kName));
+}
+
+TEST(DbusServer, QueuedForAFreeNameItOwnsItAtOnceAndIsToldNothing) {
+    LoopThread thread;
+    std::atomic<int> acquired{0};
+    std::unique_ptr<DbusHelper::DbusServer> server;
+    thread.Run([&] {
+        server = std::make_unique<DbusHelper::DbusServer>(kName, kPath, kName, false, false, thread.Loop());
+        server->QueueForName([&] { ++acquired; });
+        EXPECT_EQ(server->Start(), 0);
+        EXPECT_TRUE(server->OwnsName());
+    });
+    EXPECT_TRUE(NameHasOwner(Bus::User, kName));
+    // the bus confirms the request with a NameAcquired of its own: time for the loop to dispatch it
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(acquired.load(), 0);
+    thread.Run([&] { server.reset(); });
 }
 
 TEST(DbusServer, ObjectServesPropertiesAndMethodsToAnotherConnection) {
