@@ -263,38 +263,35 @@ sdbus_utils::TypedPropertyMap BluetoothController::DifferingSettings(
 }
 
 void BluetoothController::ListenToSettings(const char* who) {
-    // a listener connected before the bus went away holds a dead connection
-    if (settingsClient->IsOpen())
-        return;
-    settingsClient->Disconnect();
-    if (hooks.listenSettings(*settingsClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register SettingsDaemon d-bus listener", who);
-    else
-        FollowSibling(*settingsClient, Settingsd::kService, &BluetoothController::ReadSettingsAgain, who);
+    ListenToSibling(
+        *settingsClient, [this] { return hooks.listenSettings(*settingsClient); }, "SettingsDaemon",
+        Settingsd::kService, &BluetoothController::ReadSettingsAgain, who);
 }
 
 void BluetoothController::ListenToPower(const char* who) {
-    if (powerClient->IsOpen())
-        return;
-    powerClient->Disconnect();
-    if (hooks.listenPower(*powerClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register PylonDaemon d-bus listener", who);
-    else
-        FollowSibling(*powerClient, Pylond::kService, &BluetoothController::ReadPowerAgain, who);
+    ListenToSibling(
+        *powerClient, [this] { return hooks.listenPower(*powerClient); }, "PylonDaemon", Pylond::kService,
+        &BluetoothController::ReadPowerAgain, who);
 }
 
 void BluetoothController::ListenToNetwork(const char* who) {
-    if (networkClient->IsOpen())
-        return;
-    networkClient->Disconnect();
-    if (hooks.listenNetwork(*networkClient) < 0)
-        Logging::Log(LOG_ERR, "%s: Failed to register NetworkDaemon d-bus listener", who);
-    else
-        FollowSibling(*networkClient, Networkd::kService, &BluetoothController::ReadNetworkAgain, who);
+    ListenToSibling(
+        *networkClient, [this] { return hooks.listenNetwork(*networkClient); }, "NetworkDaemon",
+        Networkd::kService, &BluetoothController::ReadNetworkAgain, who);
 }
 
-void BluetoothController::FollowSibling(DbusHelper::DbusListener& client, const char* service,
-                                        void (BluetoothController::*readAgain)(), const char* who) {
+void BluetoothController::ListenToSibling(DbusHelper::DbusListener& client,
+                                          const std::function<int()>& listen, const char* sibling,
+                                          const char* service, void (BluetoothController::*readAgain)(),
+                                          const char* who) {
+    // a listener connected before the bus went away holds a dead connection
+    if (client.IsOpen())
+        return;
+    client.Disconnect();
+    if (listen() < 0) {
+        Logging::Log(LOG_ERR, "%s: Failed to register %s d-bus listener", who, sibling);
+        return;
+    }
     // a sibling that starts after this daemon, or starts again, is read as it starts
     if (hooks.followSibling(client, service, [this, readAgain] { (this->*readAgain)(); }) < 0)
         Logging::Log(LOG_ERR, "%s: Failed to follow %s", who, service);

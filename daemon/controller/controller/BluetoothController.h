@@ -212,8 +212,9 @@ class BluetoothController {
     void ListenToSettings(const char* who);
     void ListenToPower(const char* who);
     void ListenToNetwork(const char* who);
-    void FollowSibling(DbusHelper::DbusListener& client, const char* service,
-                       void (BluetoothController::*readAgain)(), const char* who);
+    void ListenToSibling(DbusHelper::DbusListener& client, const std::function<int()>& listen,
+                         const char* sibling, const char* service, void (BluetoothController::*readAgain)(),
+                         const char* who);
     // What a sibling holds now, through the receiver of its change signal; settings only where they
     // differ from the controller's.
     void ReadPowerAgain();
