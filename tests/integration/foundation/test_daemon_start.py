@@ -1,15 +1,12 @@
 #!/usr/bin/python3
 '''The daemon binary in the hermetic unit: the HCI watchdog, start-up timing, readiness and exit status.'''
-import os
-import sys
 import time
 import unittest
 
-import dbus
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
-from daemon_process import DaemonProcess  # noqa: E402
+from harness.bus import Bus
+from harness.daemon_process import DaemonProcess
+from harness.peers import restarts as restarts_on
+from harness.testenv import TestEnv
 
 INFO, ERR = 6, 3
 OKAY = 'HCI0 okay, no need to restart services!'
@@ -22,12 +19,8 @@ BT_UNIT_PATH = '/org/freedesktop/systemd1/unit/bluetooth_2eservice'
 
 
 def restarts(env):
-    bus = dbus.bus.BusConnection(env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
-    try:
-        manager = bus.get_object('org.freedesktop.systemd1', '/org/freedesktop/systemd1')
-        return [str(u) for u in manager.GetRestarts(dbus_interface='org.freedesktop.DBus.Mock')]
-    finally:
-        bus.close()
+    with Bus(env.environ['DBUS_SYSTEM_BUS_ADDRESS']) as bus:
+        return restarts_on(bus)
 
 
 class DaemonStart(unittest.TestCase):
