@@ -3,6 +3,7 @@ harness's TestEnv (private buses, the simulated BlueZ and sibling daemons, the H
 binary, and client connections to both buses; Service adds a client of the daemon's own API.'''
 import json
 
+import dbus
 import populate_unit
 
 from harness.bus import ADVERT, NAME, PATH, PROPS, SCANNER, Bus, Error
@@ -93,6 +94,16 @@ class Unit:
     def set_prop(self, service, path, name, value):
         '''A sibling daemon's property, changed and announced.'''
         set_prop(self.user, service, path, name, value)
+
+    def name_holder(self):
+        '''Another client of the user bus, holding the daemon's name until it is closed.'''
+        holder = Bus(self.env.environ['DBUS_SESSION_BUS_ADDRESS'])
+        try:
+            self.case.assertEqual(holder.request_name(NAME), dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER)
+        except BaseException:
+            holder.close()
+            raise
+        return holder
 
     def add_nearby(self, *addresses):
         for address in addresses:

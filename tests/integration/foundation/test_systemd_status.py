@@ -7,7 +7,7 @@ import unittest
 
 import dbus
 
-from harness.bus import ADVERT, NAME, SCANNER, Bus
+from harness.bus import ADVERT, SCANNER
 from harness.daemon_process import DaemonProcess
 from harness.peers import SETTINGS
 from harness.testenv import TestEnv
@@ -93,14 +93,10 @@ class SystemdStatus(unittest.TestCase):
 
     def test_a_name_held_by_another_client_shows_as_waiting(self):
         with Unit(self) as unit:
-            holder = Bus(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
-            try:
-                self.assertEqual(holder.request_name(NAME), dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER)
+            with unit.name_holder():
                 daemon = unit.start()
                 self.expect(daemon, 'STATUS=Waiting for the bus or its name; advertising schema 4; '
                                     'auto-scan every 30 s; 0 devices known; no scan yet')
-            finally:
-                holder.close()
 
     def test_watchdog_pings_come_from_the_loop_only_when_asked_for(self):
         interval_s = 2.0
