@@ -146,9 +146,6 @@ class Service(Unit):
         self.add_nearby(*self.devices)
         return self
 
-    def add_device(self, address):
-        self.add_nearby(address)
-
     def start(self, served=True, extra_env=None):
         daemon = super().start(extra_env=extra_env)
         if served:

@@ -142,7 +142,7 @@ class RadioObject(unittest.TestCase):
         with Service(self) as unit:
             unit.start()
             unit.call(SCANNER, 'Scan')
-            unit.add_device(CAMERA)  # in BlueZ, not yet in the daemon's list
+            unit.add_nearby(CAMERA)  # in BlueZ, not yet in the daemon's list
             with self.assertRaises(Error) as raised:
                 unit.call(RADIO, 'ConfigKelpBle', CAMERA)
             self.assertEqual(raised.exception.get_dbus_name(), ERROR + 'DeviceNotFound')
@@ -240,12 +240,12 @@ class ScannerObject(unittest.TestCase):
             unit.start()
             self.assertEqual(unit.get(SCANNER, 'ScannedDevices'), '[]')
             self.assertEqual(unit.get(SCANNER, 'RemoteCameras'), '[]')
-            unit.add_device(PHONE)
+            unit.add_nearby(PHONE)
             unit.call(SCANNER, 'Scan')
             self.assertEqual(list(documents(unit.get(SCANNER, 'ScannedDevices'))), [PHONE])
             self.assertEqual(unit.get(SCANNER, 'RemoteCameras'), '[]')
-            unit.add_device(CAMERA)
-            unit.add_device(UNIT_3)
+            unit.add_nearby(CAMERA)
+            unit.add_nearby(UNIT_3)
             unit.call(SCANNER, 'Scan')
             self.assertEqual(set(documents(unit.get(SCANNER, 'RemoteCameras'))), {CAMERA, UNIT_3})
             compact = unit.get(SCANNER, 'ScannedDevices')
@@ -287,7 +287,7 @@ class ScannerObject(unittest.TestCase):
     def test_a_camera_that_appears_is_announced_once(self):
         with Service(self, settings={'autoScanRateSecs': 1}) as unit:
             unit.start()
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             self.assertTrue(wait_until(lambda: unit.received('DiscoveredRemoteCamera'), 5))
             time.sleep(2.5)
             announced = unit.received('DiscoveredRemoteCamera')

@@ -89,7 +89,7 @@ class BluezGoesAway(unittest.TestCase):
             # without BlueZ a Scan is still answered
             self.assertIsInstance(unit.scan(), str)
             unit.env.start_peer('bluez')
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             self.assertTrue(found_by_scan(unit, CAMERA, 10), daemon.texts()[-30:])
             self.assertGreaterEqual(unit.discoveries(), 1)
             self.assertTrue(unit.alive())
@@ -104,7 +104,7 @@ class BluezGoesAway(unittest.TestCase):
             self.assertTrue(unit.alive(), daemon.texts())
             self.assertTrue(unit.still_serving())
             unit.env.start_peer('bluez')
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             # auto-scan alone, no Scan call: the new bluetoothd sees discoveries and the camera is found
             self.assertIsNotNone(daemon.wait_line(NEW_DEVICE + CAMERA, timeout=25), daemon.texts()[-40:])
             self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
@@ -122,7 +122,7 @@ class BluezGoesAway(unittest.TestCase):
             self.assertTrue(unit.still_serving())
             self.assertIsInstance(unit.scan(), str)
             unit.bluez.add_adapter('unit-sim')
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             # the new adapter object keeps its own call log: its discoveries are the daemon's new ones
             self.assertIsNotNone(daemon.wait_line(NEW_DEVICE + CAMERA, timeout=25), daemon.texts()[-40:])
             self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
