@@ -12,7 +12,8 @@
     one-instance lock file in the unit's own run/ (QUORBEL_BLUETOOTHD_LOCK_FILE).
 
 CLI (with tests/ on PYTHONPATH):
-  python3 -m harness.testenv run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep] -- CMD [ARGS...]
+  python3 -m harness.testenv run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep]
+                                 -- CMD [ARGS...]
       runs CMD inside the unit and exits with its status.
 Environment seen by CMD (and by Python users through TestEnv.environ):
   DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS
