@@ -14,9 +14,9 @@ import subprocess
 import sys
 import threading
 
+from harness.testenv import TestEnv
+
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(os.path.dirname(HERE), 'tests', 'harness'))
-from testenv import TestEnv  # noqa: E402
 
 
 def say(text):

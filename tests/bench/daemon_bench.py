@@ -29,22 +29,15 @@ import time
 
 import dbus
 
+from harness.bus import ADVERT, MANAGER, NAME, PATH, SCANNER, Bus
+from harness.bus_monitor import BusMonitor
+from harness.daemon_process import NotifySocket
+from harness.peers import ADAPTER, ADAPTER_IFACE, BLUEZ, SETTINGS, Bluez, set_prop
+from harness.testenv import TestEnv
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, 'tests', 'harness'))
-from testenv import TestEnv  # noqa: E402
-from bus_monitor import BusMonitor  # noqa: E402
-from daemon_process import NotifySocket  # noqa: E402
-
-NAME = 'com.quorbel.common.Bluetooth1'
-PATH = '/com/quorbel/common/Bluetooth1'
-SCANNER = NAME + '.Scanner'
-ADVERT = NAME + '.Advert'
-PROPS = 'org.freedesktop.DBus.Properties'
-MOCK = 'org.freedesktop.DBus.Mock'
-SETTINGS, SETTINGS_PATH = 'com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth'
 REFERENCE, REFERENCE_PATH = 'com.quorbel.bench.Reference', '/com/quorbel/bench/Reference'
-COMPANY = 0x05F3
 MIB = 1024.0 * 1024.0
 
 
@@ -115,33 +108,6 @@ class Daemon:
         return status
 
 
-def add_devices(system, count):
-    '''Half of them other units advertising a V3 payload, half phones without manufacturer data.'''
-    mock = system.get_object('org.bluez', '/')
-    payload = [0x03, 0x00, 0x03, 0x02, 0x0A, 0x00, 0x1E, 0x0A] + list(b'BenchNet')
-    unit = {'Name': dbus.String('bench-unit'), 'RSSI': dbus.Int16(-60),
-            'ManufacturerData': dbus.Dictionary({dbus.UInt16(COMPANY): dbus.Array(payload, signature='y')},
-                                                signature='qv')}
-    phone = {'Name': dbus.String('bench-phone'), 'RSSI': dbus.Int16(-70), 'Class': dbus.UInt32(0x5A020C)}
-    units = count // 2
-    for props, n in ((unit, units), (phone, count - units)):
-        if n:
-            mock.AddLEDevices('hci0', dbus.UInt32(n), dbus.Dictionary(props, signature='sv'),
-                              dbus_interface='org.bluez.Mock', timeout=120)
-
-
-def unique_name_of(bus, pid):
-    driver = bus.get_object('org.freedesktop.DBus', '/org/freedesktop/DBus')
-    for name in driver.ListNames(dbus_interface='org.freedesktop.DBus'):
-        if name.startswith(':'):
-            try:
-                if driver.GetConnectionUnixProcessID(name, dbus_interface='org.freedesktop.DBus') == pid:
-                    return str(name)
-            except dbus.exceptions.DBusException:
-                pass
-    return None
-
-
 def timed(fn, times):
     '''Wall time of each call in ms, and the last result.'''
     spent, result = [], None
@@ -159,15 +125,14 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
     settings = {'autoScanEnabled': False, 'autoScanRateSecs': 1, 'advertSchema': 3, 'discoverable': False}
     out = {'devices': devices}
     with TestEnv(sandbox=True, params={'settings': settings}) as env:
-        system = dbus.bus.BusConnection(env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
-        user = dbus.bus.BusConnection(env.environ['DBUS_SESSION_BUS_ADDRESS'])
-        add_devices(system, devices)
+        system = Bus(env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
+        user = Bus(env.environ['DBUS_SESSION_BUS_ADDRESS'])
+        Bluez(system).add_units_and_phones(devices, 'bench')
         reference = None
         daemon = Daemon(env, binary, emulator)
         try:
             out['startup_ms'] = daemon.startup_ms
-            daemon_obj = user.get_object(NAME, PATH)
-            scan = lambda: str(daemon_obj.Scan(dbus_interface=SCANNER, timeout=120))
+            scan = lambda: str(user.call(NAME, PATH, SCANNER, 'Scan', timeout=120))
 
             if full_set:
                 # ---- idle: nothing asked, auto-scan off; every message on either bus is counted too
@@ -192,19 +157,17 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
             # A Scan while advertising pauses the radio, and switching it off waits 500 ms on purpose;
             # with advertising off what is left is the pass (BlueZ's own device list included) and the
             # reply. The passes for memory run that way too, so that 1,000 of them take seconds.
-            daemon_obj.Set(ADVERT, 'Advertising', dbus.Boolean(False), dbus_interface=PROPS)
+            user.set(NAME, PATH, ADVERT, 'Advertising', dbus.Boolean(False))
             quiet_ms, _ = timed(scan, args.samples)
             out['scan_quiet_ms'] = statistics.median(quiet_ms)
             out['scan_quiet_bytes'] = out['scan_bytes']
             # what a pass asks of BlueZ, the same two calls from the same client: the simulated BlueZ is
             # a Python service, and its answers are part of every Scan
-            adapter = system.get_object('org.bluez', '/org/bluez/hci0')
-            discovery, _ = timed(lambda: (adapter.StartDiscovery(dbus_interface='org.bluez.Adapter1'),
-                                          adapter.StopDiscovery(dbus_interface='org.bluez.Adapter1')), args.samples)
+            discovery, _ = timed(lambda: (system.call(BLUEZ, ADAPTER, ADAPTER_IFACE, 'StartDiscovery'),
+                                          system.call(BLUEZ, ADAPTER, ADAPTER_IFACE, 'StopDiscovery')), args.samples)
             out['bluez_discovery_ms'] = statistics.median(discovery)
-            bluez = system.get_object('org.bluez', '/')
-            listing, _ = timed(lambda: bluez.GetManagedObjects(dbus_interface='org.freedesktop.DBus.ObjectManager',
-                                                               timeout=120), args.samples)
+            listing, _ = timed(lambda: system.call(BLUEZ, '/', MANAGER, 'GetManagedObjects', timeout=120),
+                               args.samples)
             out['bluez_list_ms'] = statistics.median(listing)
             passes = 2 + 2 * args.samples
             rss_at = {}
@@ -215,10 +178,9 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
                 if passes in marks:
                     rss_at[passes] = status_kib(daemon.pid, 'VmRSS')
             out['rss_kib_after_pass'] = rss_at
-            daemon_obj.Set(ADVERT, 'Advertising', dbus.Boolean(True), dbus_interface=PROPS)
+            user.set(NAME, PATH, ADVERT, 'Advertising', dbus.Boolean(True))
             for prop in ('ScannedDevices', 'RemoteCameras'):
-                spent, value = timed(lambda: str(daemon_obj.Get(SCANNER, prop, dbus_interface=PROPS, timeout=60)),
-                                     args.samples)
+                spent, value = timed(lambda: str(user.get(NAME, PATH, SCANNER, prop, timeout=60)), args.samples)
                 out[f'{prop}_ms'] = statistics.median(spent)
                 out[f'{prop}_bytes'] = len(value.encode())
             if full_set:
@@ -226,23 +188,20 @@ def run_unit(args, devices, binary, emulator=None, full_set=True):
                                              stderr=subprocess.DEVNULL)
                 if reference.stdout.readline().strip() != b'READY':
                     raise RuntimeError('bus_reference_server did not start')
-                ref_obj = user.get_object(REFERENCE, REFERENCE_PATH)
                 for key in ('scan', 'scan_quiet', 'ScannedDevices', 'RemoteCameras'):
                     size = out[f'{key}_bytes']
-                    spent, value = timed(lambda: str(ref_obj.Text(dbus.UInt32(size), dbus_interface=REFERENCE,
-                                                                  timeout=60)), args.samples)
+                    spent, value = timed(lambda: str(user.call(REFERENCE, REFERENCE_PATH, REFERENCE, 'Text',
+                                                               dbus.UInt32(size), timeout=60)), args.samples)
                     assert len(value) == size
                     out[f'reference_{key}_ms'] = statistics.median(spent)
 
             # ---- auto-scan at a 1 s rate: CPU and messages per period
-            names = {'system': unique_name_of(system, daemon.pid),
-                     'user': str(user.get_name_owner(NAME))}
+            names = {'system': system.unique_names_of(daemon.pid)[0], 'user': user.owner(NAME)}
             monitors = {bus: BusMonitor(env.environ[v], env.path('logs', f'autoscan-{bus}.txt'),
                                   [f"sender='{names[bus]}'"])
                         for bus, v in (('system', 'DBUS_SYSTEM_BUS_ADDRESS'), ('user', 'DBUS_SESSION_BUS_ADDRESS'))}
             time.sleep(0.3)
-            settings_obj = user.get_object(SETTINGS, SETTINGS_PATH)
-            settings_obj.SetProp('autoScanEnabled', dbus.Boolean(True), dbus_interface=MOCK)
+            set_prop(user, *SETTINGS, 'autoScanEnabled', dbus.Boolean(True))
             time.sleep(2.5)  # the first periods find nothing new, as every later one
             hci0 = len(env.hci_calls())
             c0, t0 = cpu_ns(daemon.pid), time.time()

@@ -9,6 +9,8 @@ import subprocess
 import threading
 import time
 
+from harness.wait import wait_until
+
 _LEVELS = {'emerg': 0, 'alert': 1, 'crit': 2, 'err': 3, 'warning': 4, 'notice': 5, 'info': 6, 'debug': 7}
 _LINE = re.compile(r'^(emerg|alert|crit|err|warning|notice|info|debug): (.*)$')
 
@@ -49,7 +51,7 @@ class NotifySocket:
         self.sock.bind(path)
         self.sock.settimeout(0.1)
         self._received = []   # (monotonic time, text)
-        self._cond = threading.Condition()
+        self._lock = threading.Lock()
         self._closing = False
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -62,28 +64,20 @@ class NotifySocket:
                 continue
             except OSError:
                 return
-            with self._cond:
+            with self._lock:
                 self._received.append((time.monotonic(), data.decode('utf-8', 'replace')))
-                self._cond.notify_all()
 
     @property
     def messages(self):
         '''Every datagram received so far, oldest first: (monotonic time, text).'''
-        with self._cond:
+        with self._lock:
             return list(self._received)
 
     def wait_for(self, line, timeout):
         '''The time a datagram with LINE among its lines came, waiting up to TIMEOUT seconds; None if none.'''
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                for when, msg in self._received:
-                    if line in msg.split('\n'):
-                        return when
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self._cond.wait(left)
+        def came():
+            return next((when for when, msg in self.messages if line in msg.split('\n')), None)
+        return wait_until(came, timeout, step=0.01)
 
     def close(self):
         self._closing = True
@@ -99,7 +93,7 @@ class DaemonProcess:
         self.binary = binary or os.environ['QB_DAEMON']
         self.notify = NotifySocket(env.path('notify.sock'))
         self.lines = []
-        self._cond = threading.Condition()
+        self._lock = threading.Lock()
         self.proc = env.popen([self.binary], extra_env=dict(extra_env or {}, NOTIFY_SOCKET=self.notify.path),
                               stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         self._reader = threading.Thread(target=self._read, daemon=True)
@@ -111,38 +105,28 @@ class DaemonProcess:
             m = _LINE.match(text)
             line = LogLine(time.monotonic(), _LEVELS[m.group(1)], m.group(2)) if m else \
                 LogLine(time.monotonic(), None, text)
-            with self._cond:
+            with self._lock:
                 self.lines.append(line)
-                self._cond.notify_all()
+
+    def logged(self):
+        '''Every log line so far, oldest first.'''
+        with self._lock:
+            return list(self.lines)
 
     def wait_line(self, text, timeout, count=1):
         '''The `count`-th log line equal to `text`, waiting up to `timeout` seconds; None if it never came.'''
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                hits = [ln for ln in self.lines if ln.text == text]
-                if len(hits) >= count:
-                    return hits[count - 1]
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self._cond.wait(left)
+        def came():
+            hits = [ln for ln in self.logged() if ln.text == text]
+            return hits[count - 1] if len(hits) >= count else None
+        return wait_until(came, timeout, step=0.01)
 
     def wait_line_prefix(self, prefix, timeout):
-        deadline = time.monotonic() + timeout
-        with self._cond:
-            while True:
-                for ln in self.lines:
-                    if ln.text.startswith(prefix):
-                        return ln
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self._cond.wait(left)
+        '''The first log line starting with `prefix`, waiting up to `timeout` seconds; None if none came.'''
+        return wait_until(lambda: next((ln for ln in self.logged() if ln.text.startswith(prefix)), None), timeout,
+                          step=0.01)
 
     def texts(self):
-        with self._cond:
-            return [ln.text for ln in self.lines]
+        return [ln.text for ln in self.logged()]
 
     def count(self, text):
         return self.texts().count(text)

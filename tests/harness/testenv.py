@@ -11,8 +11,9 @@
   * a unit identity file (VANTU_IDENTITY_FILE), a free path for NOTIFY_SOCKET, and the daemon's
     one-instance lock file in the unit's own run/ (QUORBEL_BLUETOOTHD_LOCK_FILE).
 
-CLI:
-  testenv.py run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep] -- CMD [ARGS...]
+CLI (with tests/ on PYTHONPATH):
+  python3 -m harness.testenv run [--sandbox] [--no-hci0] [--without NAME]... [--param NAME=JSON]... [--keep]
+                                 -- CMD [ARGS...]
       runs CMD inside the unit and exits with its status.
 Environment seen by CMD (and by Python users through TestEnv.environ):
   DBUS_SESSION_BUS_ADDRESS, DBUS_SYSTEM_BUS_ADDRESS
@@ -40,6 +41,9 @@ import subprocess
 import sys
 import tempfile
 import time
+
+from harness.bus import Bus, Error
+from harness.wait import wait_until
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -191,39 +195,38 @@ class TestEnv:
                 proc.wait()
 
     def _wait_ready(self, keys, timeout=20):
-        import dbus
-        conns = {}
+        buses = {}
+        pending = list(keys)
+
+        def answered(key):
+            peer, proc = self._peer(key), self.peers[key]
+            if proc.poll() is not None:
+                err = self.path('logs', f'{key}.err')
+                text = open(err).read() if os.path.exists(err) else ''
+                raise TestEnvError(f'peer {key} died (rc={proc.returncode}):\n{text}')
+            if peer.bus not in buses:
+                buses[peer.bus] = Bus(self.environ['DBUS_SYSTEM_BUS_ADDRESS' if peer.bus == 'system'
+                                                   else 'DBUS_SESSION_BUS_ADDRESS'])
+            bus = buses[peer.bus]
+            # dbusmock owns the name before its template has loaded; a Ping is answered only once the main
+            # loop runs, that is after the template loaded
+            if not bus.has_owner(peer.name):
+                return False
+            try:
+                bus.ping(peer.name, timeout=5)
+                return True
+            except Error:
+                return False
+
+        def all_ready():
+            pending[:] = [key for key in pending if not answered(key)]
+            return not pending
         try:
-            deadline = time.monotonic() + timeout
-            pending = list(keys)
-            while pending:
-                for key in list(pending):
-                    peer, proc = self._peer(key), self.peers[key]
-                    if proc.poll() is not None:
-                        err = self.path('logs', f'{key}.err')
-                        text = open(err).read() if os.path.exists(err) else ''
-                        raise TestEnvError(f'peer {key} died (rc={proc.returncode}):\n{text}')
-                    if peer.bus not in conns:
-                        conns[peer.bus] = dbus.bus.BusConnection(
-                            self.environ['DBUS_SYSTEM_BUS_ADDRESS' if peer.bus == 'system'
-                                         else 'DBUS_SESSION_BUS_ADDRESS'])
-                    conn = conns[peer.bus]
-                    # dbusmock owns the name before its template has loaded; a Ping is answered only
-                    # once the main loop runs, that is after the template loaded
-                    if conn.name_has_owner(peer.name):
-                        try:
-                            conn.call_blocking(peer.name, '/', 'org.freedesktop.DBus.Peer', 'Ping', '', (),
-                                               timeout=5)
-                            pending.remove(key)
-                        except dbus.exceptions.DBusException:
-                            pass
-                if pending:
-                    if time.monotonic() > deadline:
-                        raise TestEnvError(f'peers not ready after {timeout}s: {pending}')
-                    time.sleep(0.01)
+            if not wait_until(all_ready, timeout, step=0.01):
+                raise TestEnvError(f'peers not ready after {timeout}s: {pending}')
         finally:
-            for c in conns.values():
-                c.close()
+            for bus in buses.values():
+                bus.close()
 
     # ------------------------------------------------------------------ stubs, sysfs, identity
     def _make_stubs(self):

@@ -2,14 +2,14 @@
 '''The BlueZ client follows bluetoothd leaving and coming back on the system bus.'''
 import os
 import subprocess
-import sys
-import time
 import unittest
 
 import dbus
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
+from harness.bus import Bus
+from harness.peers import Bluez
+from harness.testenv import TestEnv
+from harness.wait import wait_until
 
 PROBE = os.path.join(os.environ.get('QB_BUILD_DIR', 'build'), 'tests', 'integration', 'bluez', 'tinyb_probe')
 
@@ -25,12 +25,10 @@ class Probe:
         return self.proc.stdout.readline().strip()
 
     def wait_for(self, command, expected, timeout=5):
-        deadline = time.monotonic() + timeout
-        answer = self.ask(command)
-        while answer != expected and time.monotonic() < deadline:
-            time.sleep(0.02)
-            answer = self.ask(command)
-        return answer
+        '''The answer to `command`, asked again until it is `expected` or `timeout` seconds passed.'''
+        answers = []
+        wait_until(lambda: answers.append(self.ask(command)) or answers[-1] == expected, timeout, step=0.02)
+        return answers[-1]
 
     def close(self):
         self.proc.stdin.close()
@@ -38,12 +36,8 @@ class Probe:
 
 
 def add_device(env, address):
-    bus = dbus.bus.BusConnection(env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
-    try:
-        mock = bus.get_object('org.bluez', '/')
-        mock.AddLEDevice('hci0', address, {'Name': dbus.String('peer')}, dbus_interface='org.bluez.Mock')
-    finally:
-        bus.close()
+    with Bus(env.environ['DBUS_SYSTEM_BUS_ADDRESS']) as bus:
+        Bluez(bus).add_device(address, {'Name': dbus.String('peer')})
 
 
 class BluezRestart(unittest.TestCase):

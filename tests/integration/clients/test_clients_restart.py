@@ -5,22 +5,18 @@ Drives the listen probe (ListenProbe.cpp, path in QB_CLIENTS_PROBE) inside the h
 stops/starts the simulated peers underneath it.
 '''
 import os
-import queue
 import subprocess
-import sys
 import threading
 import unittest
 
 import dbus
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
+from harness.bus import Bus
+from harness.peers import NETWORK, POWER, SETTINGS, set_prop
+from harness.testenv import TestEnv
+from harness.wait import wait_until
 
-PEERS = {
-    'settings': ('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth'),
-    'network': ('com.quorbel.Network1', '/com/quorbel/Network1'),
-    'power': ('com.quorbel.common.Pylon1', '/com/quorbel/common/Pylon1/power'),
-}
+PEERS = {'settings': SETTINGS, 'network': NETWORK, 'power': POWER}
 
 
 class Probe:
@@ -30,24 +26,27 @@ class Probe:
             raise AssertionError(f'QB_CLIENTS_PROBE={binary!r} does not name the built listen probe')
         self.proc = env.popen([binary], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                               stderr=subprocess.DEVNULL, text=True)
-        self.lines = queue.Queue()
+        self.lines = []
         self.seen = []
         threading.Thread(target=self._read, daemon=True).start()
 
     def _read(self):
         for line in self.proc.stdout:
-            self.lines.put(line.rstrip('\n'))
+            self.lines.append(line.rstrip('\n'))
+
+    def _take(self, wanted):
+        # lines are taken in order: the ones before `wanted` go to self.seen with it
+        while len(self.seen) < len(self.lines):
+            self.seen.append(self.lines[len(self.seen)])
+            if self.seen[-1] == wanted:
+                return True
+        return False
 
     def wait_line(self, wanted, timeout=5):
         '''The first line equal to `wanted` (earlier other lines are kept in self.seen), or a failure.'''
-        while True:
-            try:
-                line = self.lines.get(timeout=timeout)
-            except queue.Empty:
-                raise AssertionError(f'no line {wanted!r} within {timeout}s; seen: {self.seen}') from None
-            self.seen.append(line)
-            if line == wanted:
-                return line
+        if not wait_until(lambda: self._take(wanted), timeout, step=0.01):
+            raise AssertionError(f'no line {wanted!r} within {timeout}s; seen: {self.seen}')
+        return wanted
 
     def stop(self):
         self.proc.stdin.close()
@@ -58,22 +57,18 @@ class Probe:
             return self.proc.wait()
 
 
-def set_prop(env, peer, name, value):
-    bus = dbus.bus.BusConnection(env.environ['DBUS_SESSION_BUS_ADDRESS'])
-    try:
-        service, path = PEERS[peer]
-        bus.get_object(service, path).SetProp(name, value, dbus_interface='org.freedesktop.DBus.Mock')
-    finally:
-        bus.close()
+def set_peer_prop(env, peer, name, value):
+    with Bus(env.environ['DBUS_SESSION_BUS_ADDRESS']) as bus:
+        set_prop(bus, *PEERS[peer], name, value)
 
 
 class ClientsAcrossPeerRestarts(unittest.TestCase):
     def check_flowing(self, env, probe, round_):
-        set_prop(env, 'settings', 'autoScanRateSecs', dbus.UInt32(40 + round_))
+        set_peer_prop(env, 'settings', 'autoScanRateSecs', dbus.UInt32(40 + round_))
         probe.wait_line(f'settings bluetooth autoScanRateSecs:u={40 + round_}')
-        set_prop(env, 'network', 'IPAddress', f'10.0.0.{round_}')
+        set_peer_prop(env, 'network', 'IPAddress', f'10.0.0.{round_}')
         probe.wait_line(f'network IPAddress:s=10.0.0.{round_}')
-        set_prop(env, 'power', 'BatteryTypes', dbus.Array([dbus.UInt32(round_)], signature='u'))
+        set_peer_prop(env, 'power', 'BatteryTypes', dbus.Array([dbus.UInt32(round_)], signature='u'))
         probe.wait_line(f'power BatteryTypes:au=[{round_}]')
 
     def test_signals_keep_flowing_after_each_peer_restarts(self):

@@ -3,19 +3,16 @@
 the scan response on air through hcitool, auto-scan with radio reboots, and the sibling daemons' values
 reaching the air.'''
 import os
-import sys
 import time
 import unittest
 
 import dbus
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from unit import ADAPTER, Unit, ip_value, scan_responses, wait_until  # noqa: E402
+from harness.peers import NETWORK, POWER, SETTINGS
+from harness.unit import Unit, ip_value, scan_responses
+from harness.wait import wait_until
 
 INFO, ERR = 6, 3
-SETTINGS = ('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth')
-NETWORK = ('com.quorbel.Network1', '/com/quorbel/Network1')
-POWER = ('com.quorbel.common.Pylon1', '/com/quorbel/common/Pylon1/power')
 UNITCTL = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', '..', 'sim', 'unitctl')
 REBOOT = 'Error when scanning for devices... rebooting radio'
 PARAMETERS = 'hcitool -i hci0 cmd 08 0006 00 08 00 08 03 00 00 00 00 00 00 00 00 07 00'
@@ -89,9 +86,8 @@ class Controller(unittest.TestCase):
 
     def test_a_refused_discovery_gives_three_attempts_three_reboots_and_the_timer_goes_on(self):
         with Unit(self, settings={'autoScanRateSecs': 1}) as unit:
-            unit.system.get_object('org.bluez', '/').SetMethodBehaviour(
-                ADAPTER, 'StartDiscovery', {'error': 'org.bluez.Error.NotReady', 'count': dbus.Int32(-1)},
-                dbus_interface='org.bluez.Mock')
+            unit.bluez.set_method_behaviour('StartDiscovery', {'error': 'org.bluez.Error.NotReady',
+                                                               'count': dbus.Int32(-1)})
             daemon = unit.start()
             # a whole failed period takes three 2 s reboots; then the timer fires again
             self.assertIsNotNone(daemon.wait_line(REBOOT, timeout=15, count=4), daemon.texts())
@@ -114,13 +110,12 @@ class Controller(unittest.TestCase):
     def test_a_hostile_payload_nearby_never_stops_the_timer_or_silences_the_unit(self):
         # two octets under the company identifier make the payload decoder throw out of a scan pass
         with Unit(self, settings={'autoScanRateSecs': 1}) as unit:
-            unit.system.get_object('org.bluez', '/').AddLEDevice(
-                'hci0', 'BA:D0:00:00:00:02',
+            unit.bluez.add_device(
+                'BA:D0:00:00:00:02',
                 {'Name': dbus.String('hostile'),
                  'ManufacturerData': dbus.Dictionary({dbus.UInt16(0x05F3): dbus.Array([dbus.Byte(7), dbus.Byte(0)],
                                                                                        signature='y')},
-                                                     signature='qv')},
-                dbus_interface='org.bluez.Mock')
+                                                     signature='qv')})
             daemon = unit.start()
             # the pass is abandoned with discovery left running, so periods show in the log, not as calls
             lost = 'AutoScanTask: exception stopped at the C boundary: '

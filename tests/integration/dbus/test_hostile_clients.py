@@ -20,29 +20,20 @@ import time
 import unittest
 
 import dbus
-import dbus.lowlevel
 from gi.repository import Gio, GLib
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-TOP = os.path.join(HERE, '..', '..', '..')
-sys.path.insert(0, os.path.join(TOP, 'tests', 'harness'))
-sys.path.insert(0, os.path.join(TOP, 'sim'))
+from harness.bus import (ADVERT, ERROR as API_ERROR, INTROSPECTABLE, INVALID_ARGS, MANAGER, NAME, PATH, PEER, PROPS,
+                         RADIO, SCANNER, Bus)
+from harness.bus_monitor import BusMonitor
+from harness.daemon_process import built_with_asan, rss_kib
+from harness.unit import CAMERA, NEARBY, PHONE, UNIT_3, Unit
+from harness.wait import wait_until
 
-NAME = 'com.quorbel.common.Bluetooth1'
-PATH = '/com/quorbel/common/Bluetooth1'
-RADIO, ADVERT, SCANNER = NAME + '.Radio', NAME + '.Advert', NAME + '.Scanner'
-PROPS = 'org.freedesktop.DBus.Properties'
-INTROSPECTABLE = 'org.freedesktop.DBus.Introspectable'
-PEER = 'org.freedesktop.DBus.Peer'
-MANAGER = 'org.freedesktop.DBus.ObjectManager'
-NOT_FOUND = NAME + '.Error.DeviceNotFound'
-INVALID_ARGS = 'org.freedesktop.DBus.Error.InvalidArgs'
+NOT_FOUND = API_ERROR + 'DeviceNotFound'
 # sd-bus names a wrong signature with either, depending on where it notices
 WRONG_ARGS = (INVALID_ARGS, 'org.freedesktop.DBus.Error.InvalidSignature')
 MIB = 1024 * 1024
 BIG = 'A' * MIB
-CALL_TIMEOUT = 60.0
-COMPANY = 0x05F3
 
 WRITABLE = {(RADIO, 'Powered'): 'b', (RADIO, 'Pairable'): 'b', (RADIO, 'Discoverable'): 'b',
             (ADVERT, 'Advertising'): 'b', (ADVERT, 'AdvertSchema'): 'i',
@@ -51,58 +42,9 @@ READ_ONLY = {(SCANNER, 'ScannedDevices'): 's', (SCANNER, 'RemoteCameras'): 's'}
 PROPERTIES = {**WRITABLE, **READ_ONLY}
 
 
-class Answer:
-    '''What came back for one call: a reply or an error, who sent it, and how long it took.'''
-
-    def __init__(self, message, elapsed):
-        self.elapsed = elapsed
-        self.sender = message.get_sender() if message is not None else None
-        self.error = message.get_error_name() if isinstance(message, dbus.lowlevel.ErrorMessage) else None
-        self.body = message.get_args_list() if message is not None else []
-
-    @property
-    def is_error(self):
-        return self.error is not None
-
-    def __repr__(self):
-        what = f'error {self.error}' if self.error else 'reply'
-        return f'{what} from {self.sender} after {self.elapsed:.3f}s'
-
-
-def ask(conn, path, interface, member, signature='', args=(), destination=NAME, timeout=CALL_TIMEOUT):
-    '''Sends one raw method call, whatever its signature, and waits for what comes back. The sender tells
-    the daemon's own answers from the bus's (NoReply when the daemon went away or the call timed out).'''
-    message = dbus.lowlevel.MethodCallMessage(destination, path, interface, member)
-    if signature:
-        message.append(*args, signature=signature)
-    got = []
-    started = time.monotonic()
-    pending = conn.send_message_with_reply(message, got.append, timeout, require_main_loop=False)
-    pending.block()
-    return Answer(got[0] if got else None, time.monotonic() - started)
-
-
-def unique_names_of(bus, pid):
-    driver = bus.get_object('org.freedesktop.DBus', '/org/freedesktop/DBus')
-    names = []
-    for name in driver.ListNames(dbus_interface='org.freedesktop.DBus'):
-        if name.startswith(':'):
-            try:
-                if driver.GetConnectionUnixProcessID(name, dbus_interface='org.freedesktop.DBus') == pid:
-                    names.append(str(name))
-            except dbus.exceptions.DBusException:
-                pass
-    return names
-
-
 def wait_for(condition, daemon, timeout):
     '''condition() within timeout seconds, given up at once when the daemon exits.'''
-    deadline = time.monotonic() + timeout
-    while not condition():
-        if daemon.proc.poll() is not None or time.monotonic() > deadline:
-            return False
-        time.sleep(0.05)
-    return True
+    return wait_until(lambda: condition() or daemon.proc.poll() is not None, timeout) and condition()
 
 
 # ------------------------------------------------------------------------------ one load client
@@ -148,7 +90,7 @@ def load(conn, owner, calls, index, expect, scan_slots=()):
             slots.pop(0)
             iface, member, signature, args = SCANNER, 'Scan', '', ()
         sent = time.time()
-        answer = ask(conn, PATH, iface, member, signature, args)
+        answer = conn.ask(PATH, iface, member, signature, args)
         out['max_s'] = max(out['max_s'], answer.elapsed)
         call = f'{iface}.{member}{tuple(str(a)[:40] for a in args)}'
         if answer.sender != owner:
@@ -169,27 +111,9 @@ def load(conn, owner, calls, index, expect, scan_slots=()):
 
 
 def load_client(address, owner, calls, index, expect, slots):
-    conn = dbus.bus.BusConnection(address)
-    try:
+    with Bus(address) as conn:
         out = load(conn, owner, calls, index, expect, slots)
-    finally:
-        conn.close()
     print(json.dumps(out))
-
-
-# ------------------------------------------------------------------------------ the unit
-
-def bench_devices(system, count):
-    '''Half of them other units advertising a V3 payload (listed as remote cameras too), half phones.'''
-    mock = system.get_object('org.bluez', '/')
-    payload = [0x03, 0x00, 0x03, 0x02, 0x0A, 0x00, 0x1E, 0x0A] + list(b'LoadNet')
-    unit = {'Name': dbus.String('load-unit'), 'RSSI': dbus.Int16(-60),
-            'ManufacturerData': dbus.Dictionary({dbus.UInt16(COMPANY): dbus.Array(payload, signature='y')},
-                                                signature='qv')}
-    phone = {'Name': dbus.String('load-phone'), 'RSSI': dbus.Int16(-70), 'Class': dbus.UInt32(0x5A020C)}
-    for props, n in ((unit, count // 2), (phone, count - count // 2)):
-        mock.AddLEDevices('hci0', dbus.UInt32(n), dbus.Dictionary(props, signature='sv'),
-                          dbus_interface='org.bluez.Mock', timeout=120)
 
 
 if __name__ == '__main__' and sys.argv[1:2] == ['--load-client']:
@@ -197,22 +121,13 @@ if __name__ == '__main__' and sys.argv[1:2] == ['--load-client']:
                 json.loads(sys.argv[7]))
     sys.exit(0)
 
-from bus_monitor import BusMonitor  # noqa: E402
-from daemon_process import built_with_asan, rss_kib  # noqa: E402
-from unit import Unit  # noqa: E402
-import populate_unit  # noqa: E402
-
 
 class HostileUnit(Unit):
     def start(self):
         daemon = super().start()
-        deadline = time.monotonic() + 5
-        while not self.user.name_has_owner(NAME):
-            self.case.assertLess(time.monotonic(), deadline, daemon.texts())
-            time.sleep(0.02)
-        self.owner = str(self.user.get_name_owner(NAME))
+        self.case.assertTrue(wait_until(lambda: self.user.has_owner(NAME), 5, step=0.02), daemon.texts())
+        self.owner = self.user.owner(NAME)
         return daemon
-
 
 
 ERROR = 'error'      # any error, as long as the daemon sends it
@@ -221,7 +136,6 @@ REPLY = 'reply'
 UNKNOWN_METHOD = 'org.freedesktop.DBus.Error.UnknownMethod'
 UNKNOWN_PROPERTY = 'org.freedesktop.DBus.Error.UnknownProperty'
 READ_ONLY_ERROR = 'org.freedesktop.DBus.Error.PropertyReadOnly'
-CAMERA, UNIT_3, PHONE = 'C0:FF:EE:00:00:07', 'C0:FF:EE:00:00:03', '5C:F3:70:11:22:33'
 
 # addresses nobody near the unit has, some of them almost one
 ADDRESSES = ['', 'zz', 'AA:BB', CAMERA.lower(), CAMERA + '\n', ' ' + CAMERA, CAMERA + ':00',
@@ -362,25 +276,22 @@ def malformed_calls(current):
 class MalformedCalls(unittest.TestCase):
     def test_every_member_called_wrongly_is_answered_by_the_daemon_which_serves_on(self):
         with HostileUnit(self) as unit:
-            for address, props in populate_unit.DEVICES:
-                if address in (CAMERA, UNIT_3, PHONE):
-                    unit.system.get_object('org.bluez', '/').AddLEDevice(
-                        'hci0', address, dbus.Dictionary(props, signature='sv'), dbus_interface='org.bluez.Mock')
+            unit.add_nearby(*[address for address in NEARBY if address in (CAMERA, UNIT_3, PHONE)])
             daemon = unit.start()
             pid = daemon.proc.pid
             address = unit.env.environ['DBUS_SESSION_BUS_ADDRESS']
-            hostile = dbus.bus.BusConnection(address)
-            plain = dbus.bus.BusConnection(address)
+            hostile = Bus(address)
+            plain = Bus(address)
             # the camera is listed, so that its address in lower case is one the daemon could confuse
-            self.assertFalse(ask(plain, PATH, SCANNER, 'Scan').is_error)
-            current = {key[1]: ask(plain, PATH, PROPS, 'Get', 'ss', key).body[0] for key in WRITABLE}
+            self.assertFalse(plain.ask(PATH, SCANNER, 'Scan').is_error)
+            current = {key[1]: plain.ask(PATH, PROPS, 'Get', 'ss', key).body[0] for key in WRITABLE}
             failures, names = [], {}
             cases = malformed_calls(current)
             started = time.monotonic()
             slowest = 0.0
             for path, iface, member, signature, args, expected in cases:
                 call = f'{path} {iface}.{member}({signature}) {short(args)}'
-                answer = ask(hostile, path, iface, member, signature, args)
+                answer = hostile.ask(path, iface, member, signature, args)
                 slowest = max(slowest, answer.elapsed)
                 names[answer.error or 'reply'] = names.get(answer.error or 'reply', 0) + 1
                 if answer.sender != unit.owner:
@@ -395,20 +306,19 @@ class MalformedCalls(unittest.TestCase):
                     failures.append(f'{call}: expected {expected}, got {answer!r} {short(answer.body)}')
                 elif expected == NOT_FOUND and answer.body != ['Could not find device: ' + args[0]]:
                     failures.append(f'{call}: the error names another address: {short(answer.body)}')
-                if not hostile.get_is_connected():
+                if not hostile.connected:
                     failures.append(f'{call}: the client was disconnected')
-                    hostile = dbus.bus.BusConnection(address)
+                    hostile = Bus(address)
                 if daemon.proc.poll() is not None:
                     self.fail(f'{call}: the daemon exited ({daemon.proc.returncode}); before it: {failures}\n'
                               + '\n'.join(daemon.texts()[-30:]))
-                check = ask(plain, PATH, PROPS, 'Get', 'ss', (ADVERT, 'AdvertSchema'))
+                check = plain.ask(PATH, PROPS, 'Get', 'ss', (ADVERT, 'AdvertSchema'))
                 # a schema it cannot build reads back as 3
                 if check.sender != unit.owner or check.is_error or check.body not in ([3], [4]):
                     failures.append(f'{call}: a plain read afterwards got {check!r} {check.body}')
             spent = time.monotonic() - started
-            self.assertEqual(str(unit.user.get_name_owner(NAME)), unit.owner)
-            self.assertEqual(unit.user.get_object('org.freedesktop.DBus', '/org/freedesktop/DBus')
-                             .GetConnectionUnixProcessID(unit.owner, dbus_interface='org.freedesktop.DBus'), pid)
+            self.assertEqual(unit.user.owner(NAME), unit.owner)
+            self.assertEqual(unit.user.pid_of(unit.owner), pid)
             print(f'\nmalformed: {len(cases)} calls in {spent:.1f} s, slowest answer {slowest:.3f} s; answers: '
                   + ', '.join(f'{n} {k}' for k, n in sorted(names.items())), file=sys.stderr)
             boundary = [t for t in daemon.texts() if 'C boundary' in t]
@@ -417,13 +327,6 @@ class MalformedCalls(unittest.TestCase):
             hostile.close()
             plain.close()
             self.assertEqual(failures, [], "\n" + "\n".join(failures))
-
-
-def send_and_forget(conn, path, interface, member, signature='', args=()):
-    message = dbus.lowlevel.MethodCallMessage(NAME, path, interface, member)
-    if signature:
-        message.append(*args, signature=signature)
-    conn.send_message(message)
 
 
 class RawCaller:
@@ -462,29 +365,26 @@ class RawCaller:
 class RudeCallers(unittest.TestCase):
     def test_callers_that_leave_before_their_answer_or_never_read_it_leave_the_daemon_serving(self):
         with HostileUnit(self) as unit:
-            unit.system.get_object('org.bluez', '/').AddLEDevices(
-                'hci0', dbus.UInt32(20), dbus.Dictionary({'Name': dbus.String('rude')}, signature='sv'),
-                dbus_interface='org.bluez.Mock')
+            unit.bluez.add_devices(20, {'Name': dbus.String('rude')})
             daemon = unit.start()
             address = unit.env.environ['DBUS_SESSION_BUS_ADDRESS']
-            plain = dbus.bus.BusConnection(address)
-            adapter = unit.system.get_object('org.bluez', '/org/bluez/hci0')
+            plain = Bus(address)
 
             def discoveries():
-                return len(adapter.GetMethodCalls('StartDiscovery', dbus_interface='org.freedesktop.DBus.Mock'))
+                return len(unit.adapter_calls('StartDiscovery'))
 
             # gone before the answer: each Scan still runs its pass, and its reply goes nowhere
             before = discoveries()
             for _ in range(4):
-                rude = dbus.bus.BusConnection(address)
-                send_and_forget(rude, PATH, SCANNER, 'Scan')
-                send_and_forget(rude, PATH, PROPS, 'GetAll', 's', (SCANNER,))
-                send_and_forget(rude, PATH, RADIO, 'ConfigKelpBle', 's', (BIG,))
+                rude = Bus(address)
+                rude.send(PATH, SCANNER, 'Scan')
+                rude.send(PATH, PROPS, 'GetAll', 's', (SCANNER,))
+                rude.send(PATH, RADIO, 'ConfigKelpBle', 's', (BIG,))
                 rude.flush()
                 rude.close()
             self.assertTrue(wait_for(lambda: discoveries() >= before + 4, daemon, 30),
                             f'{discoveries() - before} of 4 Scans ran; the daemon\'s status: {daemon.proc.poll()}')
-            answer = ask(plain, PATH, PROPS, 'Get', 'ss', (SCANNER, 'ScannedDevices'))
+            answer = plain.ask(PATH, PROPS, 'Get', 'ss', (SCANNER, 'ScannedDevices'))
             self.assertEqual(answer.sender, unit.owner, answer)
             self.assertEqual(len(json.loads(answer.body[0])), 20)
 
@@ -496,21 +396,21 @@ class RudeCallers(unittest.TestCase):
                 hoarder.call(PATH, PROPS, 'GetAll', 's', (SCANNER,))
                 hoarder.call(PATH, RADIO, 'ConfigKelpBle', 's', ('A' * 4096,))
                 if i % 100 == 0:
-                    answer = ask(plain, PATH, PROPS, 'Get', 'ss', (RADIO, 'Powered'))
+                    answer = plain.ask(PATH, PROPS, 'Get', 'ss', (RADIO, 'Powered'))
                     self.assertEqual((answer.sender, answer.body), (unit.owner, [True]), answer)
             # Whether the bus still forwards the hoarder's own calls once its queue is full is the bus's
             # limit, not the daemon's: what matters is that the others' calls, a Scan too, still run.
             self.assertTrue(hoarder.unread())
-            answer = ask(plain, PATH, SCANNER, 'Scan')
+            answer = plain.ask(PATH, SCANNER, 'Scan')
             self.assertEqual(answer.sender, unit.owner, answer)
             self.assertFalse(answer.is_error, answer)
             self.assertTrue(wait_for(lambda: discoveries() >= before + 1, daemon, 30),
                             f'a Scan after the hoarder ran no pass; daemon status {daemon.proc.poll()}')
             hoarder.close()
-            answer = ask(plain, PATH, PEER, 'Ping')
+            answer = plain.ask(PATH, PEER, 'Ping')
             self.assertEqual((answer.sender, answer.is_error), (unit.owner, False), answer)
             self.assertIsNone(daemon.proc.poll())
-            self.assertEqual(str(unit.user.get_name_owner(NAME)), unit.owner)
+            self.assertEqual(unit.user.owner(NAME), unit.owner)
             plain.close()
 
 
@@ -537,20 +437,18 @@ class Load(unittest.TestCase):
         calls = int(os.environ.get('QB_HOSTILE_CALLS', '10000'))
         settings = {'autoScanEnabled': True, 'autoScanRateSecs': self.RATE_S}
         with HostileUnit(self, settings=settings) as unit:
-            bench_devices(unit.system, self.DEVICES)
+            unit.bluez.add_units_and_phones(self.DEVICES, 'load')
             daemon = unit.start()
             pid = daemon.proc.pid
             user_address = unit.env.environ['DBUS_SESSION_BUS_ADDRESS']
-            conn = dbus.bus.BusConnection(user_address)
+            conn = Bus(user_address)
             # A Scan with advertising on stops it and waits 500 ms on purpose before its pass; with it off
             # a Scan is its pass alone.
-            answer = ask(conn, PATH, PROPS, 'Set', 'ssv', (ADVERT, 'Advertising', dbus.Boolean(False)))
+            answer = conn.ask(PATH, PROPS, 'Set', 'ssv', (ADVERT, 'Advertising', dbus.Boolean(False)))
             self.assertFalse(answer.is_error, answer)
-            deadline = time.monotonic() + 10
-            while len(json.loads(ask(conn, PATH, PROPS, 'Get', 'ss', (SCANNER, 'ScannedDevices')).body[0])) \
-                    < self.DEVICES:
-                self.assertLess(time.monotonic(), deadline, 'auto-scan never listed every device')
-                time.sleep(0.1)
+            self.assertTrue(wait_until(lambda: len(json.loads(conn.ask(PATH, PROPS, 'Get', 'ss',
+                                                                       (SCANNER, 'ScannedDevices')).body[0]))
+                                       >= self.DEVICES, 10, step=0.1), 'auto-scan never listed every device')
             # every kind of call once before the first sample: what the first of each allocates for good
             # is not growth
             expect = {'devices': self.DEVICES, 'cameras': self.DEVICES // 2, 'rate': self.RATE_S}
@@ -559,7 +457,7 @@ class Load(unittest.TestCase):
             # the discovery calls the daemon's connections send to BlueZ
             monitor = BusMonitor(unit.env.environ['DBUS_SYSTEM_BUS_ADDRESS'], unit.env.path('logs', 'discovery.txt'),
                                  [f"type='method_call',sender='{s}',interface='org.bluez.Adapter1'"
-                                  for s in unique_names_of(unit.system, pid)])
+                                  for s in unit.system.unique_names_of(pid)])
             time.sleep(0.5)
             rss_start = rss_kib(pid)
             samples = []
@@ -625,7 +523,7 @@ class Load(unittest.TestCase):
                 problems.append(f'{len(wrong)} answers other than expected, the first: {wrong[:3]}')
             if replies + sum(errors.values()) + len(foreign) != self.CLIENTS * calls:
                 problems.append('calls lost by the clients')
-            if daemon.proc.poll() is not None or str(unit.user.get_name_owner(NAME)) != unit.owner:
+            if daemon.proc.poll() is not None or unit.user.owner(NAME) != unit.owner:
                 problems.append('the daemon left the bus')
             # under ASan, LeakSanitizer at the daemon's exit is the leak check
             if (rss_middle > bound or rss_end > bound) and not built_with_asan():

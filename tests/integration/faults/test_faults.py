@@ -8,72 +8,36 @@ QB_FAULTS_HOSTILE_SECS sets how long the hostile payload stays nearby (30 s by d
 '''
 import json
 import os
-import sys
 import threading
 import time
 import unittest
 
 import dbus
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-TOP = os.path.join(HERE, '..', '..', '..')
-sys.path.insert(0, os.path.join(TOP, 'tests', 'harness'))
-sys.path.insert(0, os.path.join(TOP, 'tests', 'integration', 'dbus'))
-from unit import ADAPTER, ip_value, scan_responses  # noqa: E402
-# the D-Bus client side of the daemon, as its own tests drive it
-from test_dbus_service import (ADVERT, CAMERA, NAME, PATH, PHONE, SCANNER, RADIO, UNIT_3,  # noqa: E402
-                               Service, documents, wait)
+from harness.bus import ADVERT, NAME, PATH, RADIO, SCANNER, Bus, Error
+from harness.peers import NETWORK, POWER, SETTINGS, SETTINGS_IFACE
+from harness.unit import CAMERA, PHONE, UNIT_3, Service, documents, ip_value, scan_responses
+from harness.wait import wait_until
 
 ERR = 3
-BLUEZ_MOCK = 'org.bluez.Mock'
-PROPS = 'org.freedesktop.DBus.Properties'
-SETTINGS = ('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth')
-SETTINGS_IFACE = 'com.quorbel.common.Settings1'
-NETWORK = ('com.quorbel.Network1', '/com/quorbel/Network1')
-POWER = ('com.quorbel.common.Pylon1', '/com/quorbel/common/Pylon1/power')
 ABANDONED = 'AutoScanTask: exception stopped at the C boundary: '
-NEW_DEVICE = 'Device Mac:  '
 HOSTILE = 'BA:D0:00:00:00:02'
 DROPPING_CAMERA = 'C0:FF:EE:00:00:0D'
 HOSTILE_SECS = float(os.environ.get('QB_FAULTS_HOSTILE_SECS', '30'))
-GET_SETTING = ('int32_t Settingsd::SettingsDaemonDbusHandler::GetSetting(const std::string&, const '
-               'std::string&, T&): ERROR sdbus_utils::GetProperty {key} failed property {key} has type {got}, '
-               'expected {want}')
-FALLBACK = "GetBluetoothSetting: Cannot get setting '{key}', setting to safe default: {value}"
 
 
 class FaultyUnit(Service):
     '''The unit with its daemon, and the controls of its simulated BlueZ.'''
 
-    def bluez(self):
-        return self.system.get_object('org.bluez', '/')
-
-    def add_device(self, address, props=None):
-        if props is None:
-            super().add_device(address)
-        else:
-            self.bluez().AddLEDevice('hci0', address, dbus.Dictionary(props, signature='sv'),
-                                     dbus_interface=BLUEZ_MOCK)
-
     def discoveries(self):
-        '''StartDiscovery calls the current BlueZ has seen on the current hci0; 0 while there is none.'''
-        try:
-            return len(self.adapter_calls('StartDiscovery'))
-        except dbus.exceptions.DBusException:
-            return 0
-
-    def scan(self, timeout=30):
-        return self.call(SCANNER, 'Scan', timeout=timeout)
-
-    def alive(self):
-        return self.daemon.proc.poll() is None
+        return self.bluez.discoveries()
 
     def leadv(self):
         return self.env.hci_calls().count('hciconfig hci0 leadv')
 
     def settings_set_raw(self, name, value):
         '''A setting stored as given, whatever its declared type, and announced.'''
-        self.user.get_object(*SETTINGS).Set(SETTINGS_IFACE, name, value, dbus_interface=PROPS)
+        self.user.set(*SETTINGS, SETTINGS_IFACE, name, value)
 
 
 def last_switch(unit):
@@ -86,14 +50,11 @@ def scan_in_background(unit):
     result = {}
 
     def run():
-        bus = dbus.bus.BusConnection(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
-        try:
-            result['reply'] = bus.get_object(NAME, PATH, introspect=False).Scan(dbus_interface=SCANNER,
-                                                                               timeout=30)
-        except dbus.exceptions.DBusException as e:
-            result['error'] = e.get_dbus_name()
-        finally:
-            bus.close()
+        with Bus(unit.env.environ['DBUS_SESSION_BUS_ADDRESS']) as bus:
+            try:
+                result['reply'] = bus.call(NAME, PATH, SCANNER, 'Scan', timeout=30)
+            except Error as e:
+                result['error'] = e.get_dbus_name()
     thread = threading.Thread(target=run, daemon=True)
     thread.start()
     return thread, result
@@ -101,7 +62,7 @@ def scan_in_background(unit):
 
 def found_by_scan(unit, address, timeout):
     '''Scans until `address` is in the answer; the tinyb client reloads BlueZ's objects asynchronously.'''
-    return wait(lambda: address in documents(unit.scan()), timeout, step=0.3)
+    return wait_until(lambda: address in documents(unit.scan()), timeout, step=0.3)
 
 
 class BluezGoesAway(unittest.TestCase):
@@ -110,11 +71,10 @@ class BluezGoesAway(unittest.TestCase):
             daemon = unit.start()
             self.assertEqual(set(documents(unit.scan())), {UNIT_3, PHONE})
             # BlueZ takes its time to start discovering: the pass is caught inside that call
-            unit.bluez().SetMethodBehaviour(ADAPTER, 'StartDiscovery', {'delay_ms': dbus.UInt32(1500)},
-                                            dbus_interface=BLUEZ_MOCK)
+            unit.bluez.set_method_behaviour('StartDiscovery', {'delay_ms': dbus.UInt32(1500)})
             before = unit.discoveries()
             thread, result = scan_in_background(unit)
-            self.assertTrue(wait(lambda: unit.discoveries() > before, 5))
+            self.assertTrue(wait_until(lambda: unit.discoveries() > before, 5))
             unit.env.stop_peer('bluez')
             thread.join(15)
             self.assertFalse(thread.is_alive(), 'the Scan caught by the restart was never answered')
@@ -124,7 +84,7 @@ class BluezGoesAway(unittest.TestCase):
             # without BlueZ a Scan is still answered
             self.assertIsInstance(unit.scan(), str)
             unit.env.start_peer('bluez')
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             self.assertTrue(found_by_scan(unit, CAMERA, 10), daemon.texts()[-30:])
             self.assertGreaterEqual(unit.discoveries(), 1)
             self.assertTrue(unit.alive())
@@ -132,35 +92,35 @@ class BluezGoesAway(unittest.TestCase):
     def test_bluez_restarted_while_idle_and_auto_scan_finds_devices_again(self):
         with FaultyUnit(self, devices=[UNIT_3], settings={'autoScanRateSecs': 1}) as unit:
             daemon = unit.start()
-            self.assertTrue(wait(lambda: unit.discoveries() >= 1, 5))
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
             unit.env.stop_peer('bluez')
             # at least one period runs without BlueZ
-            wait(lambda: False, 2.5)
+            time.sleep(2.5)
             self.assertTrue(unit.alive(), daemon.texts())
             self.assertTrue(unit.still_serving())
             unit.env.start_peer('bluez')
-            unit.add_device(CAMERA)
+            unit.add_nearby(CAMERA)
             # auto-scan alone, no Scan call: the new bluetoothd sees discoveries and the camera is found
-            self.assertIsNotNone(daemon.wait_line(NEW_DEVICE + CAMERA, timeout=25), daemon.texts()[-40:])
-            self.assertTrue(wait(lambda: unit.discoveries() >= 1, 5))
-            self.assertTrue(wait(lambda: unit.received('DiscoveredRemoteCamera'), 2))
+            self.assertIsNotNone(daemon.wait_line('Device Mac:  C0:FF:EE:00:00:07', timeout=25), daemon.texts()[-40:])
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
+            self.assertTrue(wait_until(lambda: unit.received('DiscoveredRemoteCamera'), 2))
             self.assertIn(CAMERA, documents(unit.get(SCANNER, 'ScannedDevices')))
             self.assertTrue(unit.still_serving())
 
     def test_the_adapter_removed_and_added_again(self):
         with FaultyUnit(self, devices=[UNIT_3], settings={'autoScanRateSecs': 1}) as unit:
             daemon = unit.start()
-            self.assertTrue(wait(lambda: unit.discoveries() >= 1, 5))
-            unit.bluez().RemoveAdapter('hci0', dbus_interface=BLUEZ_MOCK)
-            wait(lambda: False, 2.5)
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
+            unit.bluez.remove_adapter()
+            time.sleep(2.5)
             self.assertTrue(unit.alive(), daemon.texts())
             self.assertTrue(unit.still_serving())
             self.assertIsInstance(unit.scan(), str)
-            unit.bluez().AddAdapter('hci0', 'unit-sim', dbus_interface=BLUEZ_MOCK)
-            unit.add_device(CAMERA)
+            unit.bluez.add_adapter('unit-sim')
+            unit.add_nearby(CAMERA)
             # the new adapter object keeps its own call log: its discoveries are the daemon's new ones
-            self.assertIsNotNone(daemon.wait_line(NEW_DEVICE + CAMERA, timeout=25), daemon.texts()[-40:])
-            self.assertTrue(wait(lambda: unit.discoveries() >= 1, 5))
+            self.assertIsNotNone(daemon.wait_line('Device Mac:  C0:FF:EE:00:00:07', timeout=25), daemon.texts()[-40:])
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 1, 5))
             self.assertTrue(found_by_scan(unit, CAMERA, 5))
             self.assertTrue(unit.alive())
 
@@ -171,7 +131,7 @@ class SiblingsComeAndGo(unittest.TestCase):
             daemon = unit.start()
             self.assertIn('BluetoothController::BluetoothController(sd_event*): Failed to GetAllPowerProperties '
                           'from PylonDaemon', daemon.texts())
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) >= 1, 5))
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) >= 1, 5))
             before = scan_responses(unit.env)[-1][3]
             unit.env.start_peer('power')
             # the battery running low: without a power daemon the unit shows a full one
@@ -183,13 +143,13 @@ class SiblingsComeAndGo(unittest.TestCase):
             changed = 'void BluetoothController::PowerPropertiesChanged(sdbus_utils::TypedPropertyMap&)'
             self.assertIsNotNone(daemon.wait_line(changed, timeout=5, count=4), daemon.texts()[-30:])
             sent = len(scan_responses(unit.env))
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) > sent, 5), unit.env.hci_calls()[-5:])
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) > sent, 5), unit.env.hci_calls()[-5:])
             self.assertNotEqual(scan_responses(unit.env)[-1][3], before)
 
     def test_restarted_siblings_are_still_heard(self):
         with FaultyUnit(self, settings={'autoScanRateSecs': 1}) as unit:
             daemon = unit.start()
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) >= 1, 5))
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) >= 1, 5))
             before = scan_responses(unit.env)[-1]
             for peer in ('power', 'network', 'settings'):
                 unit.env.stop_peer(peer)
@@ -199,14 +159,14 @@ class SiblingsComeAndGo(unittest.TestCase):
             unit.set_prop(*NETWORK, 'IPAddress', '10.0.0.7')
             self.assertIsNotNone(daemon.wait_line('IPAddress: 10.0.0.7', timeout=5), daemon.texts()[-30:])
             sent = len(scan_responses(unit.env))
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) > sent, 5))
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) > sent, 5))
             after = scan_responses(unit.env)[-1]
             self.assertEqual(ip_value(after), 2 * 769)  # 10.0.0.7, as units in the field decode it
             self.assertNotEqual(ip_value(before), ip_value(after))
             self.assertNotEqual(after[3], before[3])
             # and the restarted settings daemon: a new schema goes on air at once
             unit.set_prop(*SETTINGS, 'advertSchema', dbus.UInt32(3))
-            self.assertTrue(wait(lambda: scan_responses(unit.env)[-1][2] == 3, 5), unit.env.hci_calls()[-5:])
+            self.assertTrue(wait_until(lambda: scan_responses(unit.env)[-1][2] == 3, 5), unit.env.hci_calls()[-5:])
 
 
 class CameraDropsTheLink(unittest.TestCase):
@@ -222,20 +182,18 @@ class CameraDropsTheLink(unittest.TestCase):
                                                        'wifi_boot_ms': dbus.UInt32(200), 'drop_link_on': 'WP',
                                                        'drop_link_after_ms': dbus.UInt32(0)}, signature='sv')}
         with FaultyUnit(self, settings={'autoScanRateSecs': 2}) as unit:
-            unit.add_device(DROPPING_CAMERA, camera)
+            unit.bluez.add_device(DROPPING_CAMERA, camera)
             daemon = unit.start()
             self.assertIn(DROPPING_CAMERA, documents(unit.scan()))
             self.assertIsNone(unit.call(RADIO, 'ConfigKelpBle', DROPPING_CAMERA))
-            self.assertTrue(wait(lambda: unit.received('ConfiguredKelpBle'), 30), daemon.texts()[-30:])
+            self.assertTrue(wait_until(lambda: unit.received('ConfiguredKelpBle'), 30), daemon.texts()[-30:])
             (outcome,) = unit.received('ConfiguredKelpBle')[0]
             success, text = outcome
             self.assertFalse(success)
             self.assertEqual(json.loads(text)['mac'], DROPPING_CAMERA)
             self.assertEqual(unit.camera_writes(DROPPING_CAMERA), ['RV\r', 'RF\r', 'RP\r', 'WPZ\r'])
             self.assertIn('Failed to configure KelpCam-000D over BLE:', daemon.texts())
-            path = ADAPTER + '/dev_' + DROPPING_CAMERA.replace(':', '_')
-            self.assertFalse(unit.system.get_object('org.bluez', path).Get('org.bluez.Device1', 'Connected',
-                                                                            dbus_interface=PROPS))
+            self.assertFalse(unit.bluez.device_prop(DROPPING_CAMERA, 'Connected'))
             # the lock is free: a Scan runs a pass of its own
             busy = 'Scan: a remote camera is being read, answering with the devices known'
             before = unit.discoveries()
@@ -244,7 +202,7 @@ class CameraDropsTheLink(unittest.TestCase):
             self.assertNotIn(busy, daemon.texts())
             # and auto-scan goes on by itself, a period after the Scan re-armed it
             after_scan = unit.discoveries()
-            self.assertTrue(wait(lambda: unit.discoveries() > after_scan, 5), daemon.texts()[-20:])
+            self.assertTrue(wait_until(lambda: unit.discoveries() > after_scan, 5), daemon.texts()[-20:])
             self.assertTrue(unit.still_serving())
 
 
@@ -254,7 +212,7 @@ class HostilePayloadNearby(unittest.TestCase):
                    'ManufacturerData': dbus.Dictionary({dbus.UInt16(0x05F3): dbus.Array([7, 0], signature='y')},
                                                        signature='qv')}
         with FaultyUnit(self, devices=[PHONE], settings={'autoScanRateSecs': 1}) as unit:
-            unit.add_device(HOSTILE, hostile)
+            unit.bluez.add_device(HOSTILE, hostile)
             daemon = unit.start()
             self.assertIsNotNone(daemon.wait_line_prefix(ABANDONED, timeout=10), daemon.texts())
             end = time.monotonic() + HOSTILE_SECS
@@ -264,7 +222,7 @@ class HostilePayloadNearby(unittest.TestCase):
                 abandoned = sum(1 for t in daemon.texts() if t.startswith(ABANDONED))
                 leadv = unit.leadv()
                 # every window sees periods abandoned, the unit back on air and the bus answered
-                self.assertTrue(wait(lambda: sum(1 for t in daemon.texts() if t.startswith(ABANDONED)) > abandoned
+                self.assertTrue(wait_until(lambda: sum(1 for t in daemon.texts() if t.startswith(ABANDONED)) > abandoned
                                      and unit.leadv() > leadv, window),
                                 f'round {rounds}: {daemon.texts()[-20:]}')
                 self.assertTrue(unit.alive())
@@ -284,35 +242,41 @@ class SettingsOfTheWrongType(unittest.TestCase):
             unit.settings_set_raw('powered', dbus.Int32(0))
             daemon = unit.start()
             texts = daemon.texts()
-            for key, got, want, safe in (('autoScanRateSecs', 's', 'u', 10), ('powered', 'i', 'b', 1)):
-                self.assertIn(GET_SETTING.format(key=key, got=got, want=want), texts)
-                self.assertIn(FALLBACK.format(key=key, value=safe), texts)
+            for line in ('int32_t Settingsd::SettingsDaemonDbusHandler::GetSetting(const std::string&, const '
+                         'std::string&, T&): ERROR sdbus_utils::GetProperty autoScanRateSecs failed property '
+                         'autoScanRateSecs has type s, expected u',
+                         "GetBluetoothSetting: Cannot get setting 'autoScanRateSecs', setting to safe default: 10",
+                         'int32_t Settingsd::SettingsDaemonDbusHandler::GetSetting(const std::string&, const '
+                         'std::string&, T&): ERROR sdbus_utils::GetProperty powered failed property powered has '
+                         'type i, expected b',
+                         "GetBluetoothSetting: Cannot get setting 'powered', setting to safe default: 1"):
+                self.assertIn(line, texts)
             self.assertIn('Scan Rate Seconds:      10', texts)
             self.assertIn('Power Enabled:          true', texts)
             fallbacks = [ln for ln in daemon.lines if ln.text.startswith('GetBluetoothSetting: ')]
             self.assertEqual(len(fallbacks), 2, [ln.text for ln in fallbacks])
             self.assertTrue(all(ln.priority == ERR for ln in fallbacks))
             # powered as the safe default says: on air; the rate of 10 s means no discovery yet
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) >= 1, 5))
-            wait(lambda: False, 2)
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) >= 1, 5))
+            time.sleep(2)
             self.assertEqual(unit.discoveries(), 0)
             # a correct value is applied: periods of a second (a period is the rate, the pass and the
             # 500 ms settle, slow under TSan on a loaded machine); the old rate of 10 s would give at most
             # one discovery in the 8 s waited here
             unit.set_prop(*SETTINGS, 'autoScanRateSecs', dbus.UInt32(1))
-            self.assertTrue(wait(lambda: unit.discoveries() >= 2, 8), daemon.texts()[-20:])
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 2, 8), daemon.texts()[-20:])
             self.assertTrue(unit.still_serving())
 
     def test_wrong_types_while_running_are_skipped_and_a_correct_value_applies(self):
         with FaultyUnit(self) as unit:  # the simulated settings: rate 30 s
             daemon = unit.start()
-            self.assertTrue(wait(lambda: len(scan_responses(unit.env)) >= 1, 5))
+            self.assertTrue(wait_until(lambda: len(scan_responses(unit.env)) >= 1, 5))
             calls = len(unit.env.hci_calls())
             unit.settings_set_raw('autoScanRateSecs', dbus.String('1'))
             unit.settings_set_raw('powered', dbus.Int32(0))
             self.assertIsNotNone(daemon.wait_line('name: powered', timeout=5), daemon.texts()[-20:])
             self.assertIn('name: autoScanRateSecs', daemon.texts())
-            wait(lambda: False, 2.5)
+            time.sleep(2.5)
             self.assertTrue(unit.alive(), daemon.texts())
             self.assertTrue(unit.still_serving())
             # neither was taken: no one-second periods, and on air again after each reapplication
@@ -321,9 +285,9 @@ class SettingsOfTheWrongType(unittest.TestCase):
             self.assertTrue(unit.get(ADVERT, 'Advertising'))
             # periods of a second now: two within 8 s, where the 30 s rate kept gives none
             unit.set_prop(*SETTINGS, 'autoScanRateSecs', dbus.UInt32(1))
-            self.assertTrue(wait(lambda: unit.discoveries() >= 2, 8), daemon.texts()[-20:])
+            self.assertTrue(wait_until(lambda: unit.discoveries() >= 2, 8), daemon.texts()[-20:])
             unit.set_prop(*SETTINGS, 'powered', False)
-            self.assertTrue(wait(lambda: last_switch(unit) == 'hciconfig hci0 noleadv', 5),
+            self.assertTrue(wait_until(lambda: last_switch(unit) == 'hciconfig hci0 noleadv', 5),
                             unit.env.hci_calls()[calls:])
 
 

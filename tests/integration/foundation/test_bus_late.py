@@ -3,20 +3,17 @@
 held by another client, the daemon binary logs it once, keeps advertising and auto-scan going, and serves
 its whole API within 2 s of the bus (re)appearing or the name coming free, without a second start; the
 sibling daemons are listened to and read again as they come back on the bus.'''
-import os
 import sys
 import time
 import unittest
 
 import dbus
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from unit import Unit, wait_until  # noqa: E402
+from harness.bus import ADVERT, NAME, PATH, Bus, Error
+from harness.peers import SETTINGS
+from harness.unit import Unit, served
+from harness.wait import wait_until
 
-NAME = 'com.quorbel.common.Bluetooth1'
-PATH = '/com/quorbel/common/Bluetooth1'
-ADVERT = NAME + '.Advert'
-PROPS = 'org.freedesktop.DBus.Properties'
 START_FAILED = 'Run: Failed to start dbus server, (-2)'
 NAME_TAKEN = 'Run: Failed to start dbus server, (-17)'
 SERVING_AGAIN = 'Run: the bus can be had now, serving'
@@ -33,21 +30,10 @@ def start_sequences(calls):
                and (i == 0 or calls[i - 1] != 'hciconfig hci0 noleadv'))
 
 
-def served(conn):
-    '''The daemon owns its name on `conn`'s bus and answers a property read there.'''
+def advert_schema(bus):
     try:
-        if not conn.name_has_owner(NAME):
-            return False
-        return int(conn.get_object(NAME, PATH, introspect=False).Get(ADVERT, 'AdvertSchema',
-                                                                       dbus_interface=PROPS)) in (3, 4)
-    except dbus.exceptions.DBusException:
-        return False
-
-
-def advert_schema(conn):
-    try:
-        return int(conn.get_object(NAME, PATH, introspect=False).Get(ADVERT, 'AdvertSchema', dbus_interface=PROPS))
-    except dbus.exceptions.DBusException:
+        return int(bus.get(NAME, PATH, ADVERT, 'AdvertSchema'))
+    except Error:
         return None
 
 
@@ -64,7 +50,7 @@ class BusLate(unittest.TestCase):
             time.sleep(5)
             unit.env.start_late_bus('late')
             up = time.monotonic()
-            late = dbus.bus.BusConnection(address)
+            late = Bus(address)
             try:
                 self.assertTrue(wait_until(lambda: served(late), 10, step=0.02), daemon.texts())
                 took = time.monotonic() - up
@@ -88,10 +74,7 @@ class BusLate(unittest.TestCase):
 
     def test_a_name_held_by_another_client_is_served_within_two_seconds_of_its_release(self):
         with Unit(self) as unit:
-            holder = dbus.bus.BusConnection(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
-            try:
-                self.assertEqual(holder.request_name(NAME, dbus.bus.NAME_FLAG_DO_NOT_QUEUE),
-                                 dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER)
+            with unit.name_holder() as holder:
                 daemon = unit.start()
                 self.assertIsNotNone(daemon.wait_line(NAME_TAKEN, 5), daemon.texts())
                 before = (unit.env.hci_calls(), unit.adapter_calls('Set'))
@@ -102,8 +85,6 @@ class BusLate(unittest.TestCase):
                 took = time.monotonic() - freed
                 print(f'\nAPI served {took:.3f} s after the name came free', file=sys.stderr)
                 self.assertLess(took, TARGET_S)
-            finally:
-                holder.close()
             self.assertEqual(daemon.count(NAME_TAKEN), 1, daemon.texts())
             # the API answers before the line reaches the log's reader: wait for it, then count
             self.assertIsNotNone(daemon.wait_line(SERVING_AGAIN, 5), daemon.texts())
@@ -131,7 +112,7 @@ class BusLate(unittest.TestCase):
             self.assertEqual(daemon.count(BUS_LOST), 1, daemon.texts())
             unit.env.restart_bus('session')
             up = time.monotonic()
-            unit.user = dbus.bus.BusConnection(path_only)
+            unit.user = Bus(path_only)
             self.assertTrue(wait_until(lambda: served(unit.user), 10, step=0.02), daemon.texts())
             took = time.monotonic() - up
             print(f'\nAPI served {took:.3f} s after the bus came back', file=sys.stderr)
@@ -151,8 +132,7 @@ class BusLate(unittest.TestCase):
             self.assertTrue(wait_until(lambda: advert_schema(unit.user) == 3, 10), daemon.texts())
             self.assertIsNotNone(daemon.wait_line('name: advertSchema', 5), daemon.texts())
             # and its listener is back: a change it sends now arrives
-            unit.set_prop('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth',
-                          'advertSchema', dbus.UInt32(4))
+            unit.set_prop(*SETTINGS, 'advertSchema', dbus.UInt32(4))
             self.assertTrue(wait_until(lambda: advert_schema(unit.user) == 4, 10), daemon.texts())
             self.assertEqual(daemon.count('Initialising bluetooth daemon...'), 1)
 

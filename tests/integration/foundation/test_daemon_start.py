@@ -1,15 +1,12 @@
 #!/usr/bin/python3
 '''The daemon binary in the hermetic unit: the HCI watchdog, start-up timing, readiness and exit status.'''
-import os
-import sys
 import time
 import unittest
 
-import dbus
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
-from daemon_process import DaemonProcess  # noqa: E402
+from harness.bus import Bus
+from harness.daemon_process import DaemonProcess
+from harness.peers import restarts as restarts_on
+from harness.testenv import TestEnv
 
 INFO, ERR = 6, 3
 OKAY = 'HCI0 okay, no need to restart services!'
@@ -17,17 +14,11 @@ MISSING = 'HCI0 does not exist, relaunching BT related services...'
 WAITING = 'Waiting for HCI0 interface...'
 BROUGHT_UP = 'HCI0 has been brought up!'
 STARTING = 'Initialising bluetooth daemon...'
-BOARD_UNIT_PATH = '/org/freedesktop/systemd1/unit/variscite_2dbt_2eservice'
-BT_UNIT_PATH = '/org/freedesktop/systemd1/unit/bluetooth_2eservice'
 
 
 def restarts(env):
-    bus = dbus.bus.BusConnection(env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
-    try:
-        manager = bus.get_object('org.freedesktop.systemd1', '/org/freedesktop/systemd1')
-        return [str(u) for u in manager.GetRestarts(dbus_interface='org.freedesktop.DBus.Mock')]
-    finally:
-        bus.close()
+    with Bus(env.environ['DBUS_SYSTEM_BUS_ADDRESS']) as bus:
+        return restarts_on(bus)
 
 
 class DaemonStart(unittest.TestCase):
@@ -64,11 +55,12 @@ class DaemonStart(unittest.TestCase):
                 self.assertEqual(restarts(env), ['variscite-bt.service', 'bluetooth.service'])
                 self.assertEqual(daemon.count(MISSING), 1)
                 self.assertEqual(daemon.count(OKAY), 0)
-                self.assertIn(f"[Utils] Got unit name '{BOARD_UNIT_PATH}' for the service 'variscite-bt.service'",
-                              daemon.texts())
-                self.assertIn(f"[Utils] Got unit name '{BT_UNIT_PATH}' for the service 'bluetooth.service'",
-                              daemon.texts())
-                self.assertIsNotNone(daemon.wait_line_prefix(f"[Utils] Started '{BT_UNIT_PATH}' unit with job id:", 1))
+                self.assertIn("[Utils] Got unit name '/org/freedesktop/systemd1/unit/variscite_2dbt_2eservice' "
+                              "for the service 'variscite-bt.service'", daemon.texts())
+                self.assertIn("[Utils] Got unit name '/org/freedesktop/systemd1/unit/bluetooth_2eservice' "
+                              "for the service 'bluetooth.service'", daemon.texts())
+                self.assertIsNotNone(daemon.wait_line_prefix(
+                    "[Utils] Started '/org/freedesktop/systemd1/unit/bluetooth_2eservice' unit with job id:", 1))
                 # the freshly restarted stack gets 2 s of grace (sd-event may add up to 250 ms of slack)
                 delay = start.when - up.when
                 self.assertGreaterEqual(delay, 1.9, daemon.texts())

@@ -4,16 +4,14 @@ line naming the first, having touched no tool and no bus; --help and --version a
 import os
 import signal
 import subprocess
-import sys
-import time
 import unittest
 
-import dbus
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from bus_monitor import BusMonitor  # noqa: E402
-from daemon_process import DaemonProcess, NotifySocket  # noqa: E402
-from unit import Unit  # noqa: E402
+from harness.bus import NAME
+from harness.bus_monitor import BusMonitor
+from harness.daemon_process import NotifySocket
+from harness.peers import SETTINGS
+from harness.unit import Unit
+from harness.wait import wait_until
 
 # auto-scan off: the first daemon is quiet once ready, so whatever the buses see meanwhile is the second's
 QUIET = {'autoScanEnabled': False}
@@ -28,7 +26,7 @@ class Buses:
                          for kind, var in (('system', 'DBUS_SYSTEM_BUS_ADDRESS'),
                                            ('user', 'DBUS_SESSION_BUS_ADDRESS'))}
         self.peers = {'system': (unit.system, 'org.bluez'),
-                      'user': (unit.user, 'com.quorbel.common.Settings1')}
+                      'user': (unit.user, SETTINGS[0])}
         self.marks = {}
 
     def _pings(self, kind):
@@ -37,14 +35,10 @@ class Buses:
     def mark(self):
         '''A ping on each bus, repeated until its monitor has seen one: a monitor only just started may
         not be listening yet.'''
-        for kind, (conn, name) in self.peers.items():
+        for kind, (bus, name) in self.peers.items():
             before = len(self._pings(kind))
-            deadline = time.monotonic() + 10
-            while len(self._pings(kind)) == before:
-                if time.monotonic() > deadline:
-                    raise AssertionError(f'the {kind} bus monitor never saw a marker')
-                conn.call_blocking(name, '/', 'org.freedesktop.DBus.Peer', 'Ping', '', ())
-                time.sleep(0.1)
+            if not wait_until(lambda: len(self._pings(kind)) > before or bus.ping(name), 10, step=0.1):
+                raise AssertionError(f'the {kind} bus monitor never saw a marker')
             self.marks.setdefault(kind, []).append(len(self._pings(kind)))
 
     def between_marks(self):
@@ -92,7 +86,7 @@ class OneInstance(unittest.TestCase):
             self.assertEqual(unit.env.hci_calls(), calls)
             self.assertEqual(buses.between_marks(), {'system': [], 'user': []})
             # the first goes on serving, its PID still in the lock file
-            self.assertTrue(unit.user.name_has_owner('com.quorbel.common.Bluetooth1'))
+            self.assertTrue(unit.user.has_owner(NAME))
             with open(lock) as f:
                 self.assertEqual(f.read(), f'{first.proc.pid}\n')
 

@@ -1,15 +1,13 @@
 #!/usr/bin/python3
 '''Ctrl-C during an HCI tool call is never lost: the daemon binary, its tools made slow, gets SIGINT while
 one of them runs, twenty times over, and ends every time with status 0 once that call is done.'''
-import os
 import signal
-import sys
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
-from daemon_process import DaemonProcess  # noqa: E402
+from harness.daemon_process import DaemonProcess
+from harness.testenv import TestEnv
+from harness.wait import wait_until
 
 RUNS = 20
 TOOL_SLEEP_S = 0.5
@@ -28,9 +26,7 @@ class StopDuringToolCalls(unittest.TestCase):
                 with self.subTest(run=run, call=nth):
                     before = len(env.hci_calls())
                     daemon = DaemonProcess(env)
-                    deadline = time.monotonic() + 15
-                    while len(env.hci_calls()) < before + nth and time.monotonic() < deadline:
-                        time.sleep(0.01)
+                    wait_until(lambda: len(env.hci_calls()) >= before + nth, 15, step=0.01)
                     calls = env.hci_calls()[before:]
                     self.assertEqual(len(calls), nth, daemon.texts())
                     signalled = time.monotonic()

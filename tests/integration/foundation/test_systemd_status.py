@@ -3,53 +3,25 @@
 for hci0, serving or not, advertising schema or off, auto-scan period or off, devices known, the last
 scan's outcome), sent only when it changes; and WATCHDOG=1 from the loop when the unit asks for pings.'''
 import json
-import os
-import sys
-import time
 import unittest
 
 import dbus
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, '..', '..', 'harness'))
-sys.path.insert(0, os.path.join(HERE, '..', '..', '..', 'sim'))
-from daemon_process import DaemonProcess  # noqa: E402
-from testenv import TestEnv  # noqa: E402
-from unit import Unit  # noqa: E402
-import populate_unit  # noqa: E402
-
-NAME = 'com.quorbel.common.Bluetooth1'
-PATH = '/com/quorbel/common/Bluetooth1'
-ADVERT, SCANNER = NAME + '.Advert', NAME + '.Scanner'
-PROPS = 'org.freedesktop.DBus.Properties'
-SETTINGS = ('com.quorbel.common.Settings1', '/com/quorbel/common/Settings1/bluetooth')
-UNIT_3, CAMERA = 'C0:FF:EE:00:00:03', 'C0:FF:EE:00:00:07'
+from harness.bus import ADVERT, SCANNER
+from harness.daemon_process import DaemonProcess
+from harness.peers import SETTINGS
+from harness.testenv import TestEnv
+from harness.unit import CAMERA, UNIT_3, Unit
+from harness.wait import wait_until
 
 
 def statuses(daemon):
     '''Every STATUS= line received so far, oldest first.'''
-    daemon.notify.wait_for('', timeout=0)
     return [line for _, msg in daemon.notify.messages for line in msg.split('\n') if line.startswith('STATUS=')]
 
 
 def pings(daemon):
-    daemon.notify.wait_for('', timeout=0)
     return [when for when, msg in daemon.notify.messages if 'WATCHDOG=1' in msg.split('\n')]
-
-
-class StatusUnit(Unit):
-    def add_devices(self, *addresses):
-        for address in addresses:
-            props = next(p for a, p in populate_unit.DEVICES if a == address)
-            self.system.get_object('org.bluez', '/').AddLEDevice(
-                'hci0', address, dbus.Dictionary(props, signature='sv'), dbus_interface='org.bluez.Mock')
-
-    def set(self, iface, name, value):
-        self.user.get_object(NAME, PATH, introspect=False).Set(iface, name, value, dbus_interface=PROPS,
-                                                               signature='ssv')
-
-    def scan(self):
-        return self.user.get_object(NAME, PATH, introspect=False).Scan(dbus_interface=SCANNER, timeout=60)
 
 
 class SystemdStatus(unittest.TestCase):
@@ -57,8 +29,8 @@ class SystemdStatus(unittest.TestCase):
         self.assertIsNotNone(daemon.notify.wait_for(line, timeout), statuses(daemon))
 
     def test_each_change_an_operator_cares_about_gives_one_status_line(self):
-        with StatusUnit(self) as unit:
-            unit.add_devices(UNIT_3, CAMERA)
+        with Unit(self) as unit:
+            unit.add_nearby(UNIT_3, CAMERA)
             daemon = unit.start()
             self.expect(daemon, 'STATUS=Serving; advertising schema 4; auto-scan every 30 s; 0 devices known; '
                                 'no scan yet')
@@ -74,14 +46,12 @@ class SystemdStatus(unittest.TestCase):
             # through the settings daemon as well as through the API
             unit.set_prop(*SETTINGS, 'autoScanEnabled', dbus.Boolean(False))
             self.expect(daemon, 'STATUS=Serving; advertising off; auto-scan off; 0 devices known; no scan yet')
-            self.assertEqual(len(json.loads(unit.scan())), 2)
+            self.assertEqual(len(json.loads(unit.call(SCANNER, 'Scan', timeout=60))), 2)
             self.expect(daemon, 'STATUS=Serving; advertising off; auto-scan off; 2 devices known; last scan ok')
             # BlueZ gone: the next pass fails
             unit.env.stop_peer('bluez')
-            unit.scan()
-            deadline = time.monotonic() + 10
-            while not statuses(daemon)[-1].endswith('; last scan failed') and time.monotonic() < deadline:
-                daemon.notify.wait_for('', timeout=0.1)
+            unit.call(SCANNER, 'Scan', timeout=60)
+            wait_until(lambda: statuses(daemon)[-1].endswith('; last scan failed'), 10, step=0.1)
             self.assertRegex(statuses(daemon)[-1],
                              r'^STATUS=Serving; advertising off; auto-scan off; \d devices? known; last scan failed$')
             # one line per change, none repeated
@@ -90,17 +60,15 @@ class SystemdStatus(unittest.TestCase):
             self.assertEqual(len(seen), 7, seen)
 
     def test_an_unchanged_state_is_not_sent_again_each_period(self):
-        with StatusUnit(self, settings={'autoScanRateSecs': 1}) as unit:
-            unit.add_devices(UNIT_3)
+        with Unit(self, settings={'autoScanRateSecs': 1}) as unit:
+            unit.add_nearby(UNIT_3)
             daemon = unit.start()
             line = 'STATUS=Serving; advertising schema 4; auto-scan every 1 s; 1 device known; last scan ok'
             self.expect(daemon, line)
             before = len(statuses(daemon))
             log = unit.env.hci_calls()
             # three more periods, each stopping and restarting advertising
-            deadline = time.monotonic() + 10
-            while len(unit.env.hci_calls()) < len(log) + 3 * 5 and time.monotonic() < deadline:
-                time.sleep(0.1)
+            wait_until(lambda: len(unit.env.hci_calls()) >= len(log) + 3 * 5, 10, step=0.1)
             self.assertGreaterEqual(len(unit.env.hci_calls()), len(log) + 3 * 5)
             self.assertEqual(statuses(daemon)[before:], [])
             self.assertEqual(statuses(daemon)[-1], line)
@@ -124,20 +92,15 @@ class SystemdStatus(unittest.TestCase):
                 self.assertEqual(daemon.stop(), 0)
 
     def test_a_name_held_by_another_client_shows_as_waiting(self):
-        with StatusUnit(self) as unit:
-            holder = dbus.bus.BusConnection(unit.env.environ['DBUS_SESSION_BUS_ADDRESS'])
-            try:
-                self.assertEqual(holder.request_name(NAME, dbus.bus.NAME_FLAG_DO_NOT_QUEUE),
-                                 dbus.bus.REQUEST_NAME_REPLY_PRIMARY_OWNER)
+        with Unit(self) as unit:
+            with unit.name_holder():
                 daemon = unit.start()
                 self.expect(daemon, 'STATUS=Waiting for the bus or its name; advertising schema 4; '
                                     'auto-scan every 30 s; 0 devices known; no scan yet')
-            finally:
-                holder.close()
 
     def test_watchdog_pings_come_from_the_loop_only_when_asked_for(self):
         interval_s = 2.0
-        with StatusUnit(self) as unit:
+        with Unit(self) as unit:
             daemon = unit.start(extra_env={'WATCHDOG_USEC': str(int(interval_s * 1e6))})
             ready = daemon.notify.wait_for('READY=1', timeout=0)
             daemon.notify.wait_for('never sent', timeout=3 * interval_s)
@@ -146,7 +109,7 @@ class SystemdStatus(unittest.TestCase):
             # systemd restarts the service when a whole interval passes without one
             gaps = [b - a for a, b in zip([ready] + after, after)]
             self.assertLess(max(gaps), interval_s, gaps)
-        with StatusUnit(self) as unit:
+        with Unit(self) as unit:
             daemon = unit.start()
             daemon.notify.wait_for('never sent', timeout=3 * interval_s)
             self.assertEqual(pings(daemon), [])

@@ -1,22 +1,14 @@
 #!/usr/bin/python3
 '''The simulated camera's timed behaviour (sim/kelp_camera.py) as the unit sees it over BlueZ's API.'''
-import os
-import sys
 import time
 import unittest
 
 import dbus
-from dbus.mainloop.glib import DBusGMainLoop
-from gi.repository import GLib
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'harness'))
-from testenv import TestEnv  # noqa: E402
-
-DBusGMainLoop(set_as_default=True)
-
-PROPS = 'org.freedesktop.DBus.Properties'
-CHAR_IFACE = 'org.bluez.GattCharacteristic1'
-MOCK_IFACE = 'org.bluez.Mock'
+from harness.bus import PROPS, Bus, pump, pump_for
+from harness.peers import BLUEZ, CHAR_IFACE, DEVICE_IFACE, Bluez
+from harness.testenv import TestEnv
+from harness.wait import wait_until
 
 
 def u32(value):
@@ -34,9 +26,9 @@ class KelpCamera(unittest.TestCase):
         cls.env.stop()
 
     def setUp(self):
-        self.bus = dbus.bus.BusConnection(self.env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
+        self.bus = Bus(self.env.environ['DBUS_SYSTEM_BUS_ADDRESS'])
         self.addCleanup(self.bus.close)
-        self.mock = dbus.Interface(self.bus.get_object('org.bluez', '/'), MOCK_IFACE)
+        self.bluez = Bluez(self.bus)
         self.seen = []      # (seconds since the last write, text) of every notification
         self.written_at = time.monotonic()
 
@@ -48,18 +40,15 @@ class KelpCamera(unittest.TestCase):
                  'X-CameraState': dbus.Dictionary(state, signature='sv')}
         if profile is not None:
             props['X-Camera-Profile'] = dbus.Dictionary(profile, signature='sv')
-        path = str(self.mock.AddLEDevice('hci0', address, props))
-        dbus.Interface(self.bus.get_object('org.bluez', path), 'org.bluez.Device1').Connect()
-        self.assertTrue(self.wait(lambda: self.device_prop(path, 'ServicesResolved')))
+        path = self.bluez.add_device(address, props)
+        self.bus.call(BLUEZ, path, DEVICE_IFACE, 'Connect')
+        self.assertTrue(wait_until(lambda: self.bluez.device_prop(path, 'ServicesResolved'), 3, step=0.01))
         self.path = path
         self.notify_path = path + '/service000a/char000d'
         self.write_path = path + '/service000a/char000b'
-        self.bus.add_signal_receiver(self.on_changed, 'PropertiesChanged', PROPS, 'org.bluez', self.notify_path)
-        self.bus.get_object('org.bluez', self.notify_path).StartNotify(dbus_interface=CHAR_IFACE)
+        self.bus.on_signal(self.on_changed, BLUEZ, self.notify_path, 'PropertiesChanged', PROPS)
+        self.bus.call(BLUEZ, self.notify_path, CHAR_IFACE, 'StartNotify')
         return path
-
-    def device_prop(self, path, name):
-        return self.bus.get_object('org.bluez', path).Get('org.bluez.Device1', name, dbus_interface=PROPS)
 
     def on_changed(self, _iface, changed, _invalidated):
         if 'Value' in changed:
@@ -67,40 +56,20 @@ class KelpCamera(unittest.TestCase):
 
     def write(self, text):
         self.written_at = time.monotonic()
-        self.bus.get_object('org.bluez', self.write_path).WriteValue(
-            dbus.Array(text.encode(), signature='y'), {}, dbus_interface=CHAR_IFACE)
+        self.bus.call(BLUEZ, self.write_path, CHAR_IFACE, 'WriteValue', text.encode(), {}, signature='aya{sv}')
 
     def run_loop(self, ms, until=None):
         '''Runs the bus for `ms`; then, while `until` does not hold yet, on for up to 10 s more: a loaded
         machine delays the camera's timers, it never brings them forward.'''
-        loop = GLib.MainLoop()
-        GLib.timeout_add(ms, loop.quit)
-        loop.run()
-        if until is None or until():
-            return
-        deadline = time.monotonic() + 10
-
-        def check():
-            if until() or time.monotonic() > deadline:
-                loop.quit()
-                return False
-            return True
-        GLib.timeout_add(10, check)
-        loop.run()
+        pump_for(ms / 1000)
+        if until is not None:
+            wait_until(lambda: pump() or until(), 10, step=0.01)
 
     def seen_at_least(self, count):
         return lambda: len(self.seen) >= count
 
     def texts(self):
         return [text for _, text in self.seen]
-
-    def wait(self, condition, timeout=3):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if condition():
-                return True
-            time.sleep(0.01)
-        return False
 
     def test_access_point_boots_after_power_on_and_each_change_is_notified(self):
         self.camera({'power': 'U', 'wifi': 'G', 'band': '2.4'},
@@ -114,7 +83,7 @@ class KelpCamera(unittest.TestCase):
         self.assertGreaterEqual(at['PZ\r'], 0.2)
         self.assertGreaterEqual(at['F2.4B\r'], 0.35)
         self.assertGreaterEqual(at['F2.4R\r'], 0.65)
-        state = self.mock.GetCameraState(self.path)
+        state = self.bluez.camera_state(self.path)
         self.assertEqual((str(state['power']), str(state['wifi'])), ('Z', 'R'))
 
     def test_power_off_takes_the_access_point_down(self):
@@ -122,14 +91,14 @@ class KelpCamera(unittest.TestCase):
         self.write('WPU\r')
         self.run_loop(200, self.seen_at_least(1))
         self.assertEqual(self.texts(), ['PU\r'])
-        self.assertEqual(str(self.mock.GetCameraState(self.path)['wifi']), 'G')
+        self.assertEqual(str(self.bluez.camera_state(self.path)['wifi']), 'G')
 
     def test_without_a_profile_the_camera_answers_at_once_and_leaves_the_wifi_alone(self):
         self.camera({'power': 'U', 'wifi': 'G', 'band': '2.4'})
         self.write('WPZ\r')
         self.run_loop(300, self.seen_at_least(1))
         self.assertEqual(self.texts(), ['PZ\r'])
-        self.assertEqual(str(self.mock.GetCameraState(self.path)['wifi']), 'G')
+        self.assertEqual(str(self.bluez.camera_state(self.path)['wifi']), 'G')
 
     def test_an_access_point_that_never_comes_up_stays_booting(self):
         self.camera({'power': 'U', 'wifi': 'G', 'band': '5.0'}, {'wifi_settle': 'B', 'wifi_boot_ms': u32(50)})
@@ -156,7 +125,7 @@ class KelpCamera(unittest.TestCase):
         self.write('WF5.0G\r')
         self.run_loop(300, self.seen_at_least(1))
         self.assertEqual(self.texts(), ['F2.4R\r'])
-        self.assertEqual(str(self.mock.GetCameraState(self.path)['band']), '2.4')
+        self.assertEqual(str(self.bluez.camera_state(self.path)['band']), '2.4')
 
     def test_settles_connected(self):
         self.camera({'power': 'U', 'wifi': 'G', 'band': '5.0'}, {'wifi_settle': 'C'})
@@ -170,14 +139,14 @@ class KelpCamera(unittest.TestCase):
         self.run_loop(100, self.seen_at_least(1))
         self.assertEqual(self.texts(), ['PU\r'])
         self.write('WPZ\r')  # accepted, never answered
-        self.assertTrue(self.wait(lambda: not self.device_prop(self.path, 'Connected')))
+        self.assertTrue(wait_until(lambda: not self.bluez.device_prop(self.path, 'Connected'), 3, step=0.01))
         self.run_loop(100, self.seen_at_least(1))
         self.assertEqual(self.texts(), ['PU\r'])
-        self.assertEqual([bytes(w) for w in self.mock.GetCameraWrites(self.path)], [b'RP\r', b'WPZ\r'])
+        self.assertEqual(self.bluez.camera_writes(self.path), ['RP\r', 'WPZ\r'])
 
     def test_profile_can_be_changed_through_set_camera_state(self):
         self.camera({'power': 'U', 'wifi': 'G', 'band': '5.0'})
-        self.mock.SetCameraState(self.path, dbus.Dictionary({'power_on_ms': u32(100)}, signature='sv'))
+        self.bluez.set_camera_state(self.path, {'power_on_ms': u32(100)})
         self.write('WPZ\r')
         self.run_loop(400, self.seen_at_least(2))
         self.assertEqual(self.texts(), ['PU\r', 'PZ\r'])

@@ -16,13 +16,10 @@ import unittest
 
 import dbus
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-TOP = os.path.join(HERE, '..', '..', '..')
-sys.path.insert(0, os.path.join(TOP, 'tests', 'harness'))
-sys.path.insert(0, os.path.join(TOP, 'tests', 'integration', 'dbus'))
-from daemon_process import built_with_asan, rss_kib  # noqa: E402
-# the D-Bus client side of the daemon, as its own tests drive it
-from test_dbus_service import ADVERT, CAMERA, PHONE, RADIO, SCANNER, UNIT_3, Service, documents, wait  # noqa: E402
+from harness.bus import ADVERT, RADIO, SCANNER
+from harness.daemon_process import built_with_asan, rss_kib
+from harness.unit import CAMERA, PHONE, UNIT_3, Service, documents
+from harness.wait import wait_until
 
 PASSES = int(os.environ.get('QB_SOAK_PASSES', '1000'))
 CONFIGS = int(os.environ.get('QB_SOAK_CONFIGS', '100'))
@@ -56,7 +53,7 @@ class Soak(unittest.TestCase):
                 if every and n % every == 0 and configured < CONFIGS:
                     self.assertIsNone(unit.call(RADIO, 'ConfigKelpBle', CAMERA))
                     configured += 1
-                    self.assertTrue(wait(lambda: len(unit.received('ConfiguredKelpBle')) >= configured, 30),
+                    self.assertTrue(wait_until(lambda: len(unit.received('ConfiguredKelpBle')) >= configured, 30),
                                     f'configuration {configured} never reported')
                     success, text = unit.received('ConfiguredKelpBle')[configured - 1][0]
                     self.assertTrue(success, f'configuration {configured} failed')
