@@ -93,4 +93,7 @@ int ReadInterfaces(sd_bus_message* m, IfaceProps& props, unsigned& mask);
 // Reads the "as" of invalidated property names of interface `iface`, as a list of known properties.
 int ReadInvalidated(sd_bus_message* m, Iface iface, std::vector<Prop>& out);
 
+// The text of an errno, either sign, for the client's error messages.
+std::string ErrnoText(int r);
+
 }  // namespace tinyb::detail
