@@ -105,7 +105,7 @@ class Core {
     static int OnNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error* error);
     static int OnObjectsLoaded(sd_bus_message* m, void* userdata, sd_bus_error* error);
 
-    // Set before the library thread starts, then read by its owner only.
+    // Written by Start; read by whichever thread drops the client.
     std::thread thread;
     // Library thread only (released, not freed, when the client is dropped there).
     DbusHelper::Event event;
