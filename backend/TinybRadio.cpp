@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 
 #include "backend/TinybNotifyCharacteristic.h"
@@ -14,8 +15,27 @@ namespace Backend {
 
 namespace {
 
-void LogTinybException(const char* operation, const std::exception& e) {
-    Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", operation, e.what());
+// Every tinyb call of the radio goes through here: an exception of type `Caught` is logged with the
+// operation's name and the call yields `failed`; any other exception passes through.
+template <typename Caught = std::runtime_error, typename Body>
+std::invoke_result_t<Body> Guarded(const char* operation, std::invoke_result_t<Body> failed, Body&& body) {
+    try {
+        return std::forward<Body>(body)();
+    } catch (const Caught& e) {
+        Logging::Log(LOG_ERR, "TinyB exception hit in %s: %s", operation, e.what());
+        return failed;
+    }
+}
+
+// The last of `items` whose UUID text contains `uuidPart`.
+template <typename T>
+std::unique_ptr<T> LastWithUuid(std::vector<std::unique_ptr<T>> items, const std::string& uuidPart) {
+    std::unique_ptr<T> found;
+    for (auto& item : items) {
+        if (item->get_uuid().find(uuidPart) != std::string::npos)
+            found = std::move(item);
+    }
+    return found;
 }
 
 }  // namespace
@@ -31,13 +51,11 @@ TinybRadio::TinybRadio(Loop::Sleeper sleeper) : sleep(std::move(sleeper)) {
         valid = false;
         return;
     }
-    try {
+    // BlueZ is up but has no adapter (yet): the radio is unusable rather than half-built.
+    valid = Guarded("GetDefaultAdapter", false, [this] {
         adapter = manager->get_default_adapter();
-    } catch (const std::runtime_error& e) {
-        // BlueZ is up but has no adapter (yet): the radio is unusable rather than half-built.
-        LogTinybException("GetDefaultAdapter", e);
-        valid = false;
-    }
+        return true;
+    });
 }
 
 TinybRadio::~TinybRadio() = default;
@@ -73,34 +91,33 @@ bool TinybRadio::ReadSwitch(Switch which) {
     return value;
 }
 
+void TinybRadio::WriteSwitch(Switch which, bool on) {
+    switch (which) {
+        case Switch::Powered:
+            adapter->set_powered(on);
+            break;
+        case Switch::Pairable:
+            adapter->set_pairable(on);
+            break;
+        case Switch::Discoverable:
+            adapter->set_discoverable(on);
+            break;
+    }
+}
+
 bool TinybRadio::GetSwitch(Switch which, const char* operation) {
     if (!adapter)
         return false;
-    try {
-        return ReadSwitch(which);
-    } catch (const std::runtime_error& e) {
-        LogTinybException(operation, e);
-        return false;
-    }
+    return Guarded(operation, false, [&] { return ReadSwitch(which); });
 }
 
 bool TinybRadio::SetSwitch(Switch which, bool on, const char* operation) {
     if (!adapter)
         return false;
-    try {
+    return Guarded(operation, false, [&] {
         if (ReadSwitch(which) == on)
             return true;
-        switch (which) {
-            case Switch::Powered:
-                adapter->set_powered(on);
-                break;
-            case Switch::Pairable:
-                adapter->set_pairable(on);
-                break;
-            case Switch::Discoverable:
-                adapter->set_discoverable(on);
-                break;
-        }
+        WriteSwitch(which, on);
         // BlueZ accepts the change before it applies it: give it a few polls to show up.
         for (int poll = 0; poll < stateRetries; ++poll) {
             const bool state = ReadSwitch(which);
@@ -108,11 +125,8 @@ bool TinybRadio::SetSwitch(Switch which, bool on, const char* operation) {
             if (state == on)
                 break;
         }
-    } catch (const std::runtime_error& e) {
-        LogTinybException(operation, e);
-        return false;
-    }
-    return Cached(which) == on;
+        return Cached(which) == on;
+    });
 }
 
 bool TinybRadio::SetPowered(bool on) {
@@ -142,12 +156,8 @@ bool TinybRadio::PairDevice(const std::string& mac, bool pair) {
         Logging::Log(LOG_ERR, "Could not find device with MAC: %s", mac.c_str());
         return false;
     }
-    bool done = false;
-    try {
-        done = pair ? device->pair() : device->remove_device();
-    } catch (const std::runtime_error& e) {
-        LogTinybException("PairDevice", e);
-    }
+    const bool done =
+        Guarded("PairDevice", false, [&] { return pair ? device->pair() : device->remove_device(); });
     if (!done) {
         Logging::Log(
             LOG_ERR,
@@ -173,12 +183,8 @@ bool TinybRadio::ConnectDevice(const std::string& mac, bool connect) {
         Logging::Log(LOG_ERR, "Could not find device with MAC: %s", mac.c_str());
         return false;
     }
-    bool done = false;
-    try {
-        done = connect ? device->connect() : device->disconnect();
-    } catch (const std::runtime_error& e) {
-        LogTinybException("ConnectDevice", e);
-    }
+    const bool done =
+        Guarded("ConnectDevice", false, [&] { return connect ? device->connect() : device->disconnect(); });
     if (!done) {
         Logging::Log(LOG_ERR,
                      connect ? "Could not connect to device with MAC: %s"
@@ -191,57 +197,31 @@ bool TinybRadio::ConnectDevice(const std::string& mac, bool connect) {
 // ---------------------------------------------------------------- lookups
 
 tinyb::BluetoothManager* TinybRadio::GetManager() {
-    try {
-        return tinyb::BluetoothManager::get_bluetooth_manager();
-    } catch (const std::runtime_error& e) {
-        LogTinybException("GetManager", e);
-        return nullptr;
-    }
+    return Guarded("GetManager", nullptr, [] { return tinyb::BluetoothManager::get_bluetooth_manager(); });
 }
 
 std::unique_ptr<tinyb::BluetoothDevice> TinybRadio::GetDevice(const std::string& mac) {
     tinyb::BluetoothManager* bluetooth = GetManager();
     if (bluetooth == nullptr)
         return nullptr;
-    try {
+    return Guarded("GetDevice", nullptr, [&]() -> std::unique_ptr<tinyb::BluetoothDevice> {
         for (auto& device : bluetooth->get_devices()) {
             if (device->get_address() == mac)
                 return std::move(device);
         }
-    } catch (const std::runtime_error& e) {
-        LogTinybException("GetDevice", e);
-    }
-    return nullptr;
+        return nullptr;
+    });
 }
 
 std::unique_ptr<tinyb::BluetoothGattService> TinybRadio::GetService(tinyb::BluetoothDevice& device,
                                                                     const std::string& uuidPart) {
-    std::unique_ptr<tinyb::BluetoothGattService> found;
-    try {
-        for (auto& service : device.get_services()) {
-            if (service->get_uuid().find(uuidPart) != std::string::npos)
-                found = std::move(service);
-        }
-    } catch (const std::runtime_error& e) {
-        LogTinybException("GetService", e);
-        return nullptr;
-    }
-    return found;
+    return Guarded("GetService", nullptr, [&] { return LastWithUuid(device.get_services(), uuidPart); });
 }
 
 std::unique_ptr<tinyb::BluetoothGattCharacteristic> TinybRadio::GetCharacteristic(
     tinyb::BluetoothGattService& service, const std::string& uuidPart) {
-    std::unique_ptr<tinyb::BluetoothGattCharacteristic> found;
-    try {
-        for (auto& characteristic : service.get_characteristics()) {
-            if (characteristic->get_uuid().find(uuidPart) != std::string::npos)
-                found = std::move(characteristic);
-        }
-    } catch (const std::runtime_error& e) {
-        LogTinybException("GetCharacteristic", e);
-        return nullptr;
-    }
-    return found;
+    return Guarded("GetCharacteristic", nullptr,
+                   [&] { return LastWithUuid(service.get_characteristics(), uuidPart); });
 }
 
 std::unique_ptr<tinyb::BluetoothGattService> TinybRadio::GetService(const std::string& mac,
@@ -269,13 +249,10 @@ bool TinybRadio::ReadCharacteristic(const std::string& mac, const std::string& s
         Logging::Log(LOG_INFO, "Could not get characteristic...");
         return false;
     }
-    try {
+    return Guarded<std::exception>("ReadCharacteristic", false, [&] {
         out = characteristic->read_value(0);
-    } catch (const std::exception& e) {
-        LogTinybException("ReadCharacteristic", e);
-        return false;
-    }
-    return true;
+        return true;
+    });
 }
 
 bool TinybRadio::WriteCharacteristic(const std::string& mac, const std::string& serviceUuidPart,
@@ -286,13 +263,8 @@ bool TinybRadio::WriteCharacteristic(const std::string& mac, const std::string& 
         Logging::Log(LOG_INFO, "Could not get characteristic...");
         return false;
     }
-    bool written = false;
-    try {
-        written = characteristic->write_value(value, 0);
-    } catch (const std::exception& e) {
-        LogTinybException("WriteCharacteristic", e);
-        return false;
-    }
+    const bool written = Guarded<std::exception>("WriteCharacteristic", false,
+                                                 [&] { return characteristic->write_value(value, 0); });
     if (written && delayMs > 0)
         sleep(std::chrono::milliseconds(delayMs));
     return written;
@@ -310,7 +282,8 @@ bool TinybRadio::WaitForServiceDiscovery(const std::string& mac, unsigned timeou
     auto device = GetDevice(mac);
     if (!device)
         return false;
-    try {
+    // The device may go away while we wait.
+    return Guarded("WaitForServiceDiscovery", false, [&] {
         if (!device->get_connected())
             return false;
         const uint64_t polls = 4ull * timeoutSeconds;
@@ -321,11 +294,8 @@ bool TinybRadio::WaitForServiceDiscovery(const std::string& mac, unsigned timeou
             }
             sleep(std::chrono::milliseconds(kServiceDiscoveryPollMs));
         }
-    } catch (const std::runtime_error& e) {
-        // The device went away while we waited.
-        LogTinybException("WaitForServiceDiscovery", e);
-    }
-    return false;
+        return false;
+    });
 }
 
 }  // namespace Backend

@@ -95,6 +95,8 @@ class TinybRadio final : public Radio {
 
     // Reads the switch from the adapter into its cached field; tinyb exceptions pass through.
     bool ReadSwitch(Switch which);
+    // Asks the adapter for the switch's new state; tinyb exceptions pass through.
+    void WriteSwitch(Switch which, bool on);
     bool GetSwitch(Switch which, const char* operation);
     bool SetSwitch(Switch which, bool on, const char* operation);
     bool& Cached(Switch which);

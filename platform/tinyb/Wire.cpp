@@ -1,118 +1,12 @@
 #include "Wire.h"
 
+#include <cerrno>
 #include <cstring>
 
 namespace tinyb::detail {
 
-const char* const kIfaceNames[kIfaceCount] = {"org.bluez.Adapter1", "org.bluez.Device1",
-                                              "org.bluez.GattService1", "org.bluez.GattCharacteristic1"};
-
-namespace {
-
-const char* const kPropNames[kPropCount] = {
-    "Address",
-    "Name",
-    "Alias",
-    "Powered",
-    "Pairable",
-    "Discoverable",
-    "Discovering",
-    "Address",
-    "Name",
-    "Alias",
-    "RSSI",
-    "Class",
-    "Appearance",
-    "Paired",
-    "Trusted",
-    "Connected",
-    "ServicesResolved",
-    "UUIDs",
-    "ManufacturerData",
-    "Adapter",
-    "UUID",
-    "Primary",
-    "Device",
-    "UUID",
-    "Service",
-    "Flags",
-    "Notifying",
-    "Value",
-};
-// First property of each interface, and the end of the last block.
-constexpr unsigned kFirstProp[kIfaceCount + 1] = {kAdapterAddress, kDeviceAddress, kServiceUuid,
-                                                  kCharacteristicUuid, kPropCount};
-
-Prop FindProp(Iface iface, const char* name) {
-    for (unsigned p = kFirstProp[iface]; p < kFirstProp[iface + 1]; ++p) {
-        if (std::strcmp(name, kPropNames[p]) == 0)
-            return static_cast<Prop>(p);
-    }
-    return kPropCount;
-}
-
-}  // namespace
-
-int IfaceFromName(const char* name) {
-    for (unsigned i = 0; i < kIfaceCount; ++i) {
-        if (std::strcmp(name, kIfaceNames[i]) == 0)
-            return static_cast<int>(i);
-    }
-    return -1;
-}
-
-const char* PropName(Prop prop) {
-    return kPropNames[prop];
-}
-
-Iface IfaceOf(Prop prop) {
-    unsigned i = 0;
-    while (prop >= kFirstProp[i + 1])
-        ++i;
-    return static_cast<Iface>(i);
-}
-
-const Value* PropSet::Get(Prop prop) const {
-    if (iface == kIfaceCount || iface != IfaceOf(prop))
-        return nullptr;
-    const unsigned slot = prop - kFirstProp[iface];
-    return (present & (1u << slot)) != 0 ? &slots[slot] : nullptr;
-}
-
-void PropSet::Set(Prop prop, Value value) {
-    const Iface which = IfaceOf(prop);
-    if (iface != which) {
-        iface = which;
-        present = 0;
-        slots.assign(kFirstProp[which + 1] - kFirstProp[which], Value{});
-    }
-    const unsigned slot = prop - kFirstProp[which];
-    slots[slot] = std::move(value);
-    present |= 1u << slot;
-}
-
-void PropSet::Erase(Prop prop) {
-    if (iface != IfaceOf(prop))
-        return;
-    const unsigned slot = prop - kFirstProp[iface];
-    slots[slot] = Value{};
-    present &= ~(1u << slot);
-}
-
-void PropSet::Merge(PropSet&& other) {
-    if (other.iface == kIfaceCount)
-        return;
-    for (unsigned slot = 0; slot < other.slots.size(); ++slot) {
-        if ((other.present & (1u << slot)) != 0) {
-            Set(static_cast<Prop>(kFirstProp[other.iface] + slot), std::move(other.slots[slot]));
-        }
-    }
-}
-
-void PropSet::Clear() {
-    present = 0;
-    slots.clear();
-    iface = kIfaceCount;
+std::string ErrnoText(int r) {
+    return std::strerror(r < 0 ? -r : r);
 }
 
 namespace {
@@ -188,84 +82,101 @@ int ReadManufacturerData(sd_bus_message* m, Value& out) {
     return r;
 }
 
+int Stored(int r) {
+    return r < 0 ? r : 1;
+}
+
+int ReadBool(sd_bus_message* m, Value& out) {
+    int b = 0;
+    const int r = sd_bus_message_read_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
+    if (r >= 0)
+        out = b != 0;
+    return r;
+}
+
+int ReadText(sd_bus_message* m, char type, Value& out) {
+    const char* s = nullptr;
+    const int r = sd_bus_message_read_basic(m, type, &s);
+    if (r >= 0)
+        out = std::string(s);
+    return r;
+}
+
+// The basic value inside a variant of signature `contents`: 1 when stored, 0 when of a type the client
+// does not store (skipped).
+int ReadBasicValue(sd_bus_message* m, const char* contents, Value& out) {
+    switch (contents[0]) {
+        case SD_BUS_TYPE_BOOLEAN:
+            return Stored(ReadBool(m, out));
+        case SD_BUS_TYPE_BYTE:
+            return Stored(ReadBasic<uint8_t>(m, SD_BUS_TYPE_BYTE, out));
+        case SD_BUS_TYPE_INT16:
+            return Stored(ReadBasic<int16_t>(m, SD_BUS_TYPE_INT16, out));
+        case SD_BUS_TYPE_UINT16:
+            return Stored(ReadBasic<uint16_t>(m, SD_BUS_TYPE_UINT16, out));
+        case SD_BUS_TYPE_INT32:
+            return Stored(ReadBasic<int32_t>(m, SD_BUS_TYPE_INT32, out));
+        case SD_BUS_TYPE_UINT32:
+            return Stored(ReadBasic<uint32_t>(m, SD_BUS_TYPE_UINT32, out));
+        case SD_BUS_TYPE_STRING:
+        case SD_BUS_TYPE_OBJECT_PATH:
+        case SD_BUS_TYPE_SIGNATURE:
+            return Stored(ReadText(m, contents[0], out));
+        default: {
+            const int r = sd_bus_message_skip(m, contents);
+            return r < 0 ? r : 0;
+        }
+    }
+}
+
+// The arrays the client stores: as, ao, ay and a{qv}.
+bool IsStoredArray(const char* contents) {
+    return std::strcmp(contents, "as") == 0 || std::strcmp(contents, "ao") == 0 ||
+           std::strcmp(contents, "ay") == 0 || std::strcmp(contents, "a{qv}") == 0;
+}
+
+int ReadArrayValue(sd_bus_message* m, const char* contents, Value& out) {
+    if (contents[1] == 'y') {
+        Bytes bytes;
+        const int r = ReadBytes(m, bytes);
+        if (r >= 0)
+            out = std::move(bytes);
+        return r;
+    }
+    if (contents[1] == '{')
+        return ReadManufacturerData(m, out);
+    return ReadStrings(m, contents + 1, out);
+}
+
+// Enters the variant of signature `contents`, reads its value with `read` and leaves it; returns what
+// `read` did (1 stored, 0 skipped) or a negative errno.
+template <typename Read>
+int InVariant(sd_bus_message* m, const char* contents, Read read) {
+    int r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
+    if (r < 0)
+        return r;
+    const int stored = read();
+    if (stored < 0)
+        return stored;
+    r = sd_bus_message_exit_container(m);
+    return r < 0 ? r : stored;
+}
+
 // Reads the variant at the current position. Returns 1 when a value was stored, 0 when skipped.
 int ReadVariant(sd_bus_message* m, Value& out) {
     char type = 0;
     const char* contents = nullptr;
-    int r = sd_bus_message_peek_type(m, &type, &contents);
+    const int r = sd_bus_message_peek_type(m, &type, &contents);
     if (r < 0)
         return r;
     if (type != SD_BUS_TYPE_VARIANT || contents == nullptr)
         return -EBADMSG;
-    if (std::strlen(contents) == 1) {
-        r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
-        if (r < 0)
-            return r;
-        int stored = 1;
-        switch (contents[0]) {
-            case SD_BUS_TYPE_BOOLEAN: {
-                int b = 0;
-                r = sd_bus_message_read_basic(m, SD_BUS_TYPE_BOOLEAN, &b);
-                if (r >= 0)
-                    out = b != 0;
-                break;
-            }
-            case SD_BUS_TYPE_BYTE:
-                r = ReadBasic<uint8_t>(m, SD_BUS_TYPE_BYTE, out);
-                break;
-            case SD_BUS_TYPE_INT16:
-                r = ReadBasic<int16_t>(m, SD_BUS_TYPE_INT16, out);
-                break;
-            case SD_BUS_TYPE_UINT16:
-                r = ReadBasic<uint16_t>(m, SD_BUS_TYPE_UINT16, out);
-                break;
-            case SD_BUS_TYPE_INT32:
-                r = ReadBasic<int32_t>(m, SD_BUS_TYPE_INT32, out);
-                break;
-            case SD_BUS_TYPE_UINT32:
-                r = ReadBasic<uint32_t>(m, SD_BUS_TYPE_UINT32, out);
-                break;
-            case SD_BUS_TYPE_STRING:
-            case SD_BUS_TYPE_OBJECT_PATH:
-            case SD_BUS_TYPE_SIGNATURE: {
-                const char* s = nullptr;
-                r = sd_bus_message_read_basic(m, contents[0], &s);
-                if (r >= 0)
-                    out = std::string(s);
-                break;
-            }
-            default:
-                r = sd_bus_message_skip(m, contents);
-                stored = 0;
-                break;
-        }
-        if (r < 0)
-            return r;
-        r = sd_bus_message_exit_container(m);
-        return r < 0 ? r : stored;
-    }
-    if (std::strcmp(contents, "as") == 0 || std::strcmp(contents, "ao") == 0 ||
-        std::strcmp(contents, "ay") == 0 || std::strcmp(contents, "a{qv}") == 0) {
-        r = sd_bus_message_enter_container(m, SD_BUS_TYPE_VARIANT, contents);
-        if (r < 0)
-            return r;
-        if (contents[1] == 'y') {
-            Bytes bytes;
-            r = ReadBytes(m, bytes);
-            if (r >= 0)
-                out = std::move(bytes);
-        } else if (contents[1] == '{') {
-            r = ReadManufacturerData(m, out);
-        } else {
-            r = ReadStrings(m, contents + 1, out);
-        }
-        if (r < 0)
-            return r;
-        r = sd_bus_message_exit_container(m);
-        return r < 0 ? r : 1;
-    }
-    r = sd_bus_message_skip(m, "v");
-    return r < 0 ? r : 0;
+    if (std::strlen(contents) == 1)
+        return InVariant(m, contents, [&] { return ReadBasicValue(m, contents, out); });
+    if (IsStoredArray(contents))
+        return InVariant(m, contents, [&] { return Stored(ReadArrayValue(m, contents, out)); });
+    const int skipped = sd_bus_message_skip(m, "v");
+    return skipped < 0 ? skipped : 0;
 }
 
 }  // namespace

@@ -164,6 +164,25 @@ TEST_F(RadioTest, SwitchRefusedByBlueZIsLoggedAndFails) {
               1u);
 }
 
+TEST_F(RadioTest, AdapterGoneIsLoggedByTheSwitchesAndANewRadioIsUnusable) {
+    sim.RemoveAdapter("hci0");
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return manager->get_adapters().empty(); }));
+    const std::string gone =
+        ": org.freedesktop.DBus.Error.UnknownObject: BlueZ has no org.bluez.Adapter1 at /org/bluez/hci0";
+    EXPECT_FALSE(radio->GetPowered());
+    EXPECT_EQ(capture.Count("TinyB exception hit in GetPowered" + gone, LOG_ERR), 1u);
+    EXPECT_FALSE(radio->SetPairable(false));
+    EXPECT_EQ(capture.Count("TinyB exception hit in SetPairable" + gone, LOG_ERR), 1u);
+    Backend::TinybRadio late;
+    EXPECT_FALSE(late.IsUsable());
+    EXPECT_EQ(capture.Count(
+                  "TinyB exception hit in GetDefaultAdapter: org.bluez.Error.NotReady: BlueZ has no adapter",
+                  LOG_ERR),
+              1u);
+    sim.AddAdapter("hci0", "unit-sim");
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return manager->get_adapters().size() == 1; }));
+}
+
 // ---------------------------------------------------------------- devices by address
 
 TEST_F(RadioTest, UnknownAddressIsReportedByEveryDeviceOperation) {
