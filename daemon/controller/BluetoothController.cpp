@@ -126,6 +126,8 @@ BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks co
 }
 
 BluetoothController::~BluetoothController() {
+    for (auto& connection : backendConnections)
+        connection.disconnect();
     if (!cameraWorkers->Stop(kWorkerStopGrace))
         Logging::Log(LOG_WARNING, "%d camera worker(s) still running at exit", cameraWorkers->Running());
 }
@@ -172,6 +174,11 @@ bool BluetoothController::Initialise() {
         // after every slot of the new data: the D-Bus objects announce the data, then the changed list
         remoteCameraManager->NewData().connect(
             [this](const std::string&) { (void)queue->Post([this] { remoteCamerasChanged.emit(); }); });
+        // the scanner and the manager may outlive the controller: these go with it
+        backendConnections.push_back(remoteCameraManager->NewData().connect(
+            [this](const std::string& json) { newCameraData.emit(json); }));
+        backendConnections.push_back(scanner->NewRemoteCamera().connect(
+            [this](const std::string& json) { discoveredRemoteCamera.emit(json); }));
         cameraWorkers->Attach(remoteCameraManager, scanner);
         ApplySettings();
         initialised = true;

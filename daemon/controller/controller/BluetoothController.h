@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "dbus_helper/Handles.h"
 #include "dbus_helper/SdbusUtils.h"
@@ -41,7 +42,8 @@ class Base;
 }
 namespace ScannedDevice {
 class RemoteCamera;
-}
+class JsonArray;
+}  // namespace ScannedDevice
 namespace Loop {
 class Queue;
 }
@@ -101,6 +103,16 @@ class BluetoothController {
     using ConfiguredCameraSignal = sigc::signal<void(bool, std::string)>;
     // The known remote cameras changed (new data read from one of them).
     using RemoteCamerasChangedSignal = sigc::signal<void()>;
+    // A remote camera's JSON document: one a scan pass found for the first time, or new data read from one.
+    using CameraJsonSignal = sigc::signal<void(const std::string&)>;
+
+    // What a client's request to configure a remote camera came to.
+    struct ConfigurationRequest {
+        enum class Outcome { Started, NotFound, NotACamera };
+        Outcome outcome = Outcome::NotFound;
+        // NotACamera: the model the device's type names.
+        std::string model;
+    };
 
     static constexpr int kScanAttempts = 3;
     static constexpr std::chrono::milliseconds kRadioRebootWait{2000};
@@ -144,6 +156,12 @@ class BluetoothController {
     int AutoScanTask();
     // One pass for a client's Scan call, no retry; its outcome is kept like an auto-scan period's.
     int ScanOnce();
+    // A client's Scan call whole: auto-scan and advertising paused, one pass unless a camera's GATT
+    // exchange holds the radio (then skipped), both resumed as they were; the devices known afterwards.
+    ScannedDevice::JsonArray ScanNow();
+    // The scanner's devices as they are now, all of them / the remote cameras; "[]" before Initialise().
+    ScannedDevice::JsonArray ScannedDevicesJson() const;
+    ScannedDevice::JsonArray RemoteCamerasJson() const;
     // A scan given up because a camera's GATT exchange held the scan lock.
     void NoteScanSkipped() { lastScan = ScanOutcome::Skipped; }
     ScanOutcome LastScanOutcome() const { return lastScan; }
@@ -165,6 +183,20 @@ class BluetoothController {
     void NetworkPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
     void PowerPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
 
+    // The adapter's switches, read and set on the radio itself (false, and nothing set, before
+    // Initialise()); what a set returns is not kept.
+    bool GetRadioPowered() const;
+    void SetRadioPowered(bool on);
+    bool GetRadioPairable() const;
+    void SetRadioPairable(bool on);
+    bool GetRadioDiscoverable() const;
+    void SetRadioDiscoverable(bool on);
+
+    // A client asks for the camera `address` to be configured: started only for a remote camera the
+    // scanner lists now whose type is the camera's. A type the vocabulary does not name throws
+    // std::out_of_range.
+    ConfigurationRequest RequestConfiguration(const std::string& address);
+
     // Prepare one scanned camera for use (connect, switch on, wait for its access point, set its band)
     // and report through ConfiguredCamera(); re-read the BLE information of every known camera, which
     // reaches the camera manager's NewData(). Both on detached threads; both return at once.
@@ -179,21 +211,19 @@ class BluetoothController {
     // False when some are still running. The destructor does the same.
     bool StopCameraWork(std::chrono::milliseconds grace = kWorkerStopGrace);
 
-    // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
-    std::mutex& ScanLock();
-    // The camera work's state, shared with its threads.
-    const std::shared_ptr<CameraWorkers>& Workers() const { return cameraWorkers; }
-
+    // All fire on the loop thread.
     ConfiguredCameraSignal& ConfiguredCamera() { return configuredCamera; }
     RemoteCamerasChangedSignal& RemoteCamerasChanged() { return remoteCamerasChanged; }
-
-    // For the D-Bus objects; null before Initialise().
-    const std::shared_ptr<Backend::Radio>& Radio() const { return radio; }
-    const std::shared_ptr<Backend::Scanner>& Scanner() const { return scanner; }
-    const std::shared_ptr<Backend::Advertiser>& Advertiser() const { return advertiser; }
-    const std::shared_ptr<KelpBleManager>& CameraManager() const { return remoteCameraManager; }
+    CameraJsonSignal& DiscoveredRemoteCamera() { return discoveredRemoteCamera; }
+    CameraJsonSignal& NewCameraData() { return newCameraData; }
 
   private:
+    // Tests reach the scan lock and the workers through it.
+    friend class ControllerProbe;
+
+    // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
+    std::mutex& ScanLock();
+
     // The "bluetooth" settings the controller keeps, by key and signature.
     struct NumberSetting {
         const char* key;
@@ -257,6 +287,9 @@ class BluetoothController {
 
     ConfiguredCameraSignal configuredCamera;
     RemoteCamerasChangedSignal remoteCamerasChanged;
+    CameraJsonSignal discoveredRemoteCamera;
+    CameraJsonSignal newCameraData;
+    std::vector<sigc::connection> backendConnections;
 
     ControllerHooks hooks;
     // Hands what the camera workers and the BLE library's thread report to the loop, in order.

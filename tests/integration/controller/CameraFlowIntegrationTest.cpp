@@ -27,6 +27,7 @@
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
+#include "test_support/ControllerProbe.h"
 #include "test_support/LoopHelpers.h"
 #include "vocabulary/Vocabulary.h"
 
@@ -69,7 +70,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
         controller->ConfiguredCamera().connect([this](bool success, std::string json) {
             reports.push_back({success, std::move(json)});
         });
-        controller->CameraManager()->NewData().connect([this](const std::string& json) {
+        controller->NewCameraData().connect([this](const std::string& json) {
             newDataMacs.push_back(nlohmann::json::parse(json).at("mac").get<std::string>());
         });
     }
@@ -100,7 +101,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
     std::shared_ptr<ScannedDevice::RemoteCamera> Scanned(const std::string& address) {
         for (int pass = 0; pass < 3; ++pass) {
             (void)controller->AutoScanTask();
-            for (const auto& device : controller->Scanner()->Devices()) {
+            for (const auto& device : ControllerProbe::Scanner(*controller)->Devices()) {
                 if (device->Mac() == address)
                     return std::dynamic_pointer_cast<ScannedDevice::RemoteCamera>(device);
             }
@@ -229,7 +230,7 @@ TEST_F(CameraFlowIntegration, TheRefreshReadsEveryCameraAndLogsOneThatCannotBeRe
     Logging::Capture capture;
     controller->StartBleInfoRefresh();
     ASSERT_TRUE(RunLoopUntil([&] {
-        return controller->Workers()->Running() == 0 &&
+        return ControllerProbe::Workers(*controller)->Running() == 0 &&
                capture.CountContaining("Failed to get BLE info from device") > 0;
     }));
     sim.ClearMethodBehaviour(second, "Connect");
@@ -259,7 +260,7 @@ TEST_F(CameraFlowIntegration, ACameraAnsweringInvalidUtf8IsConfiguredAndReadAndI
 
     controller->StartBleInfoRefresh();
     ASSERT_TRUE(RunLoopUntil([&] {
-        return controller->Workers()->Running() == 0 &&
+        return ControllerProbe::Workers(*controller)->Running() == 0 &&
                std::count(newDataMacs.begin(), newDataMacs.end(), kFirst) >= 6;
     }));
     EXPECT_EQ(camera->WiFiFrequency(),
