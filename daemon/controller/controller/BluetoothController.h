@@ -10,7 +10,7 @@
 // plain: the loop is the only writer.
 //
 // What the controller needs from the outside world comes in one ControllerHooks, so that tests can run
-// it on fakes with a real sd-event loop; the daemon uses SystemControllerHooks().
+// it on fakes with a real sd-event loop; the daemon hands it Daemon::SystemControllerHooks().
 
 #include <sigc++/sigc++.h>
 #include <systemd/sd-event.h>
@@ -91,9 +91,6 @@ struct ControllerHooks {
     std::function<uint64_t()> monotonicNowUsec;
 };
 
-// The real backends, the real sibling daemons, real sleeps and the real clock.
-ControllerHooks SystemControllerHooks();
-
 class BluetoothController {
   public:
     // What the last scan did, auto-scan period or Scan call, for the service's status line.
@@ -123,7 +120,6 @@ class BluetoothController {
 
     // Listens to the sibling daemons, reads their state and the settings, creates the auto-scan timer
     // disarmed. Touches no backend: nothing is switched on before Initialise().
-    explicit BluetoothController(sd_event* loop);
     BluetoothController(sd_event* loop, ControllerHooks hooks);
     ~BluetoothController();
     BluetoothController(const BluetoothController&) = delete;

@@ -23,6 +23,7 @@
 #include "backend/Scanner.h"
 #include "controller/BluetoothController.h"
 #include "controller/CameraWorkers.h"
+#include "daemon/SystemHooks.h"
 #include "logging/Log.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
@@ -58,7 +59,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
         if (HasFatalFailure())
             return;
         ASSERT_GE(sd_event_new(&loop), 0);
-        ControllerHooks hooks = SystemControllerHooks();
+        ControllerHooks hooks = Daemon::SystemControllerHooks();
         hooks.readNumberSetting = [](const char* key, uint32_t safeDefault) {
             return std::strcmp(key, BluetoothSettings::AutoScanRateSecs) == 0 ? 1u : safeDefault;
         };
