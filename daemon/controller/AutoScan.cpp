@@ -7,7 +7,7 @@
 #include "backend/Scanner.h"
 #include "controller/AutoScanClock.h"
 #include "controller/BluetoothController.h"
-#include "controller/CameraWorkers.h"
+#include "controller/ScanLock.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
 #include "scanned_device/Json.h"
@@ -53,7 +53,7 @@ int BluetoothController::ScanWithRetries() {
         hooks.sleep(kRadioRebootWait);
         radio->SetPowered(true);
     }
-    cameraWorkers->SetLastScanTime(std::chrono::system_clock::now());
+    scanLock->SetLastScanTime(std::chrono::system_clock::now());
     lastScan = result == 0 ? ScanOutcome::Succeeded : ScanOutcome::Failed;
     return result;
 }
@@ -78,7 +78,7 @@ ScannedDevice::JsonArray BluetoothController::ScanNow() {
         SetAdvertisingEnabled(false);
     {
         // a camera's GATT exchange holds the radio: then the list is answered as it stands
-        std::unique_lock<std::mutex> lock(ScanLock(), std::try_to_lock);
+        std::unique_lock<std::mutex> lock(scanLock->Mutex(), std::try_to_lock);
         if (!lock.owns_lock()) {
             Logging::Log(LOG_INFO, "Scan: a remote camera is being read, answering with the devices known");
             NoteScanSkipped();
@@ -109,7 +109,7 @@ int BluetoothController::AutoScanTask() {
     int result = 0;
     {
         // a camera worker holds it for its whole exchange: this period is skipped, never waited for
-        std::unique_lock<std::mutex> lock(ScanLock(), std::try_to_lock);
+        std::unique_lock<std::mutex> lock(scanLock->Mutex(), std::try_to_lock);
         if (lock.owns_lock()) {
             if (advertiser->IsAdvertising())
                 advertiser->StopAdvertising();

@@ -14,6 +14,7 @@
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "controller/CameraWorkers.h"
+#include "controller/ScanLock.h"
 #include "logging/Log.h"
 #include "loop/Queue.h"
 #include "remote_camera/KelpBleManager.h"
@@ -33,10 +34,12 @@ const char* TrueFalse(bool value) {
 
 BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks controllerHooks)
     : loop(eventLoop), hooks(std::move(controllerHooks)) {
+    loopThread = std::this_thread::get_id();
     queue = std::make_shared<Loop::Queue>(loop);
+    scanLock = std::make_shared<ScanLock>();
     // only ever called on the loop, through the queue, which the destructor closes first
     cameraWorkers = std::make_shared<CameraWorkers>(
-        queue, hooks.radioType, hooks.sleep,
+        queue, scanLock, hooks.radioType, hooks.sleep,
         [this](bool success, const std::string& json) { configuredCamera.emit(success, json); });
 
     settingsClient = std::make_shared<Settingsd::SettingsDaemonDbusHandler>(loop);
@@ -131,7 +134,7 @@ bool BluetoothController::Initialise() {
             [this](const std::string& json) { newCameraData.emit(json); }));
         backendConnections.push_back(scanner->NewRemoteCamera().connect(
             [this](const std::string& json) { discoveredRemoteCamera.emit(json); }));
-        cameraWorkers->Attach(remoteCameraManager, scanner);
+        cameraWorkers->Attach(remoteCameraManager);
         ApplySettings();
         initialised = true;
         return true;

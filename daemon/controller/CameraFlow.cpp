@@ -11,16 +11,14 @@ bool BluetoothController::StopCameraWork(std::chrono::milliseconds grace) {
     return cameraWorkers->Stop(grace);
 }
 
-std::mutex& BluetoothController::ScanLock() {
-    return cameraWorkers->ScanLock();
-}
-
 void BluetoothController::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera) {
     cameraWorkers->StartConfiguration(std::move(camera));
 }
 
 void BluetoothController::StartBleInfoRefresh() {
-    cameraWorkers->StartBleInfoRefresh();
+    // the list as it is now, taken here: the workers never read the scanner
+    if (scanner)
+        cameraWorkers->StartBleInfoRefresh(scanner->Devices());
 }
 
 std::shared_ptr<ScannedDevice::RemoteCamera> BluetoothController::FindRemoteCamera(

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "dbus_helper/Handles.h"
@@ -60,6 +61,7 @@ class PylonDaemonDbusHandler;
 
 class KelpBleManager;
 class CameraWorkers;
+class ScanLock;
 
 struct ControllerHooks {
     // The backends, created by Initialise().
@@ -217,9 +219,6 @@ class BluetoothController {
     // Tests reach the scan lock and the workers through it.
     friend class ControllerProbe;
 
-    // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
-    std::mutex& ScanLock();
-
     // The "bluetooth" settings the controller keeps, by key and signature.
     struct NumberSetting {
         const char* key;
@@ -252,6 +251,8 @@ class BluetoothController {
     // Sets the timer's due time and switch; the OR of both calls' results.
     int ArmTimer(uint64_t dueUsec, int enabled);
     int ScanWithRetries();
+    // A debug build stops a call of the radio's switches from any other thread.
+    void AssertOnLoopThread() const;
     static int OnAutoScanTimer(sd_event_source* source, uint64_t usec, void* userdata);
 
     std::shared_ptr<ScanResponse::Base> scanResponse;
@@ -274,8 +275,8 @@ class BluetoothController {
 
     DbusHelper::EventSource autoScanTimer;
     sd_event* loop;
-    // The last scan time, which the camera workers also use as their stopwatch, lives in
-    // cameraWorkers: the workers may outlive the controller.
+    // The last scan time, which the camera workers also use as their stopwatch, lives in scanLock: the
+    // workers may outlive the controller.
 
     std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settingsClient;
     std::shared_ptr<Pylond::PylonDaemonDbusHandler> powerClient;
@@ -290,6 +291,10 @@ class BluetoothController {
     ControllerHooks hooks;
     // Hands what the camera workers and the BLE library's thread report to the loop, in order.
     std::shared_ptr<Loop::Queue> queue;
-    // Holds the process's one scan lock: a scan and a camera's GATT exchange never overlap.
+    // A scan and a camera's GATT exchange never overlap; shared with the workers, which may outlive this.
+    std::shared_ptr<ScanLock> scanLock;
     std::shared_ptr<CameraWorkers> cameraWorkers;
+    // Where the loop runs: the radio's switches are the loop's alone, the workers use its device
+    // operations.
+    std::thread::id loopThread;
 };

@@ -6,10 +6,11 @@
 #include <mutex>
 
 #include "controller/BluetoothController.h"
+#include "controller/ScanLock.h"
 
 class ControllerProbe {
   public:
-    static std::mutex& ScanLock(BluetoothController& controller) { return controller.ScanLock(); }
+    static std::mutex& ScanLock(BluetoothController& controller) { return controller.scanLock->Mutex(); }
     static const std::shared_ptr<CameraWorkers>& Workers(const BluetoothController& controller) {
         return controller.cameraWorkers;
     }

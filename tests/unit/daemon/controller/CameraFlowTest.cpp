@@ -487,7 +487,7 @@ TEST_F(BleInfoRefresh, EveryCameraIsReadAndOneThatCannotBeReadIsLogged) {
     radio->writeResults = {true, true, true, false};
     Ready();
     Logging::Capture capture;
-    EXPECT_FALSE(ControllerProbe::Workers(*controller)->RefreshBleInfo());
+    EXPECT_FALSE(ControllerProbe::Workers(*controller)->RefreshBleInfo(scanner->Devices()));
 
     EXPECT_THAT(radio->calls, ::testing::Contains(std::string("disconnect ") + kCameraMac));
     EXPECT_THAT(radio->calls, ::testing::Contains(std::string("disconnect ") + kOtherCameraMac));
