@@ -10,6 +10,7 @@
 
 #include "controller/BluetoothController.h"
 #include "daemon/ServiceStatus.h"
+#include "daemon/SystemHooks.h"
 #include "dbus/BluetoothDbusServer.h"
 #include "dbus_helper/Handles.h"
 #include "logging/Log.h"
@@ -155,7 +156,7 @@ StatusFacts CurrentStatusFacts() {
 }
 
 void BringUpService(sd_event* loop) {
-    g_controller = std::make_shared<BluetoothController>(loop);
+    g_controller = std::make_shared<BluetoothController>(loop, SystemControllerHooks());
     // built whatever comes next, and only started when the controller came up
     g_server = std::make_shared<BluetoothDbusServer>(g_controller, loop);
     // the radio, advertising and auto-scan go on untouched: only the API waits for the bus to return

@@ -3,27 +3,19 @@
 #include <systemd/sd-bus.h>
 
 #include <cstdint>
-#include <mutex>
 #include <utility>
 
 #include "ControllerProperties.h"
-#include "backend/Scanner.h"
 #include "controller/BluetoothController.h"
 #include "dbus/Names.h"
 #include "dbus_helper/Handles.h"
 #include "dbus_helper/Vtable.h"
 #include "logging/Log.h"
-#include "loop/CBoundary.h"
-#include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
 
 namespace BluetoothDbusObject {
 
 namespace {
-
-Backend::Scanner::DeviceList DevicesOf(const BluetoothController& controller) {
-    return controller.Scanner() ? controller.Scanner()->Devices() : Backend::Scanner::DeviceList{};
-}
 
 // The array is written straight into the message's string: one copy of what may be hundreds of
 // kilobytes. Its text is valid UTF-8 by construction (DumpJson replaces what is not), which is what
@@ -39,44 +31,21 @@ int AppendJson(sd_bus_message* m, const ScannedDevice::JsonArray& array) {
 
 int GetScannedDevices(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                       sd_bus_error*) {
-    return AppendJson(reply, ScannedDevice::JsonArray::Devices(DevicesOf(*ControllerOf<Scanner>(userdata))));
+    return AppendJson(reply, ControllerOf<Scanner>(userdata)->ScannedDevicesJson());
 }
 
 int GetRemoteCameras(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
                      sd_bus_error*) {
-    return AppendJson(reply,
-                      ScannedDevice::JsonArray::RemoteCameras(DevicesOf(*ControllerOf<Scanner>(userdata))));
+    return AppendJson(reply, ControllerOf<Scanner>(userdata)->RemoteCamerasJson());
 }
 
 int Scan(sd_bus_message* m, void* userdata, sd_bus_error*) {
-    const std::shared_ptr<BluetoothController> controller = ControllerOf<Scanner>(userdata);
-    const bool autoScan = controller->GetAutoScanEnabled();
-    const bool advertising = controller->GetAdvertisingEnabled();
-    if (autoScan)
-        controller->SetAutoScanEnabled(false);
-    if (advertising)
-        controller->SetAdvertisingEnabled(false);
-    {
-        // a camera's GATT exchange holds the radio: then the list is answered as it stands
-        std::unique_lock<std::mutex> lock(controller->ScanLock(), std::try_to_lock);
-        if (!lock.owns_lock()) {
-            Logging::Log(LOG_INFO, "Scan: a remote camera is being read, answering with the devices known");
-            controller->NoteScanSkipped();
-        } else if (controller->Scanner()) {
-            // a pass that throws (a hostile payload nearby) is abandoned; the flags still come back
-            (void)CBoundary::Call("Scan", [&] { return controller->ScanOnce(); });
-        }
-    }
-    const Backend::Scanner::DeviceList devices = DevicesOf(*controller);
-    if (autoScan)
-        controller->SetAutoScanEnabled(true);
-    if (advertising)
-        controller->SetAdvertisingEnabled(true);
+    const ScannedDevice::JsonArray devices = ControllerOf<Scanner>(userdata)->ScanNow();
     sd_bus_message* created = nullptr;
     int r = sd_bus_message_new_method_return(m, &created);
     const DbusHelper::Message reply(created);
     if (r >= 0)
-        r = AppendJson(reply.get(), ScannedDevice::JsonArray::Devices(devices));
+        r = AppendJson(reply.get(), devices);
     if (r >= 0)
         r = sd_bus_send(nullptr, reply.get(), nullptr);
     return r;
@@ -91,14 +60,10 @@ int ReadKelpBle(sd_bus_message* m, void* userdata, sd_bus_error*) {
 
 Scanner::Scanner(std::shared_ptr<BluetoothController> owner)
     : DbusObject(BluetoothDbus::kObjectPath, BluetoothDbus::kScannerInterface), controller(std::move(owner)) {
-    // all three fire on the loop thread: scan passes run there, and the controller hands the camera
-    // manager's data over to it
-    if (controller->Scanner())
-        connections.push_back(controller->Scanner()->NewRemoteCamera().connect(
-            sigc::mem_fun(*this, &Scanner::DiscoveredRemoteCamera)));
-    if (controller->CameraManager())
-        connections.push_back(
-            controller->CameraManager()->NewData().connect(sigc::mem_fun(*this, &Scanner::NewKelpBleData)));
+    connections.push_back(
+        controller->DiscoveredRemoteCamera().connect(sigc::mem_fun(*this, &Scanner::DiscoveredRemoteCamera)));
+    connections.push_back(
+        controller->NewCameraData().connect(sigc::mem_fun(*this, &Scanner::NewKelpBleData)));
     connections.push_back(
         controller->RemoteCamerasChanged().connect(sigc::mem_fun(*this, &Scanner::RemoteCamerasChanged)));
 

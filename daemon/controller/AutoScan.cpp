@@ -7,9 +7,10 @@
 #include "backend/Scanner.h"
 #include "controller/AutoScanClock.h"
 #include "controller/BluetoothController.h"
-#include "controller/CameraWorkers.h"
+#include "controller/ScanLock.h"
 #include "logging/Log.h"
 #include "loop/CBoundary.h"
+#include "scanned_device/Json.h"
 
 int BluetoothController::ArmTimer(uint64_t dueUsec, int enabled) {
     const int timeResult = sd_event_source_set_time(autoScanTimer.get(), dueUsec);
@@ -52,7 +53,7 @@ int BluetoothController::ScanWithRetries() {
         hooks.sleep(kRadioRebootWait);
         radio->SetPowered(true);
     }
-    cameraWorkers->SetLastScanTime(std::chrono::system_clock::now());
+    scanLock->SetLastScanTime(std::chrono::system_clock::now());
     lastScan = result == 0 ? ScanOutcome::Succeeded : ScanOutcome::Failed;
     return result;
 }
@@ -68,11 +69,47 @@ int BluetoothController::ScanOnce() {
     return result;
 }
 
+ScannedDevice::JsonArray BluetoothController::ScanNow() {
+    const bool autoScan = autoScanEnabled;
+    const bool advertising = advertisingEnabled;
+    if (autoScan)
+        SetAutoScanEnabled(false);
+    if (advertising)
+        SetAdvertisingEnabled(false);
+    {
+        // a camera's GATT exchange holds the radio: then the list is answered as it stands
+        std::unique_lock<std::mutex> lock(scanLock->Mutex(), std::try_to_lock);
+        if (!lock.owns_lock()) {
+            Logging::Log(LOG_INFO, "Scan: a remote camera is being read, answering with the devices known");
+            NoteScanSkipped();
+        } else if (scanner) {
+            // a pass that throws (a hostile payload nearby) is abandoned; the flags still come back
+            (void)CBoundary::Call("Scan", [this] { return ScanOnce(); });
+        }
+    }
+    const Backend::Scanner::DeviceList devices =
+        scanner ? scanner->Devices() : Backend::Scanner::DeviceList{};
+    if (autoScan)
+        SetAutoScanEnabled(true);
+    if (advertising)
+        SetAdvertisingEnabled(true);
+    return ScannedDevice::JsonArray::Devices(devices);
+}
+
+ScannedDevice::JsonArray BluetoothController::ScannedDevicesJson() const {
+    return ScannedDevice::JsonArray::Devices(scanner ? scanner->Devices() : Backend::Scanner::DeviceList{});
+}
+
+ScannedDevice::JsonArray BluetoothController::RemoteCamerasJson() const {
+    return ScannedDevice::JsonArray::RemoteCameras(scanner ? scanner->Devices()
+                                                           : Backend::Scanner::DeviceList{});
+}
+
 int BluetoothController::AutoScanTask() {
     int result = 0;
     {
         // a camera worker holds it for its whole exchange: this period is skipped, never waited for
-        std::unique_lock<std::mutex> lock(ScanLock(), std::try_to_lock);
+        std::unique_lock<std::mutex> lock(scanLock->Mutex(), std::try_to_lock);
         if (lock.owns_lock()) {
             if (advertiser->IsAdvertising())
                 advertiser->StopAdvertising();

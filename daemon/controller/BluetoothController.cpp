@@ -1,8 +1,6 @@
 // Construction, the settings and their application.
 #include "controller/BluetoothController.h"
 
-#include <time.h>
-
 #include <any>
 #include <cstdint>
 #include <stdexcept>
@@ -10,21 +8,18 @@
 #include <utility>
 
 #include "backend/Advertiser.h"
-#include "backend/HCIToolAdvertiser.h"
 #include "backend/Radio.h"
 #include "backend/Scanner.h"
-#include "backend/TinybRadio.h"
-#include "backend/TinybScanner.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "controller/CameraWorkers.h"
+#include "controller/ScanLock.h"
 #include "logging/Log.h"
 #include "loop/Queue.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scan_response/ScanResponse.h"
 #include "scanned_device/RemoteCamera.h"
-#include "vantu_info/VantuInfo.h"
 #include "vocabulary/Vocabulary.h"
 
 namespace {
@@ -35,56 +30,16 @@ const char* TrueFalse(bool value) {
     return value ? "true" : "false";
 }
 
-uint64_t MonotonicNowUsec() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000u + static_cast<uint64_t>(now.tv_nsec) / 1'000u;
-}
-
 }  // namespace
-
-ControllerHooks SystemControllerHooks() {
-    ControllerHooks hooks;
-    hooks.makeRadio = [] { return std::make_shared<Backend::TinybRadio>(); };
-    hooks.makeScanner = [] { return std::make_shared<Backend::TinybScanner>(); };
-    hooks.makeAdvertiser = [] { return std::make_shared<Backend::HCIToolAdvertiser>(); };
-    hooks.listenSettings = [](Settingsd::SettingsDaemonDbusHandler& client) { return client.Listen(); };
-    hooks.listenPower = [](Pylond::PylonDaemonDbusHandler& client) { return client.Listen(); };
-    hooks.listenNetwork = [](Networkd::NetworkDaemonDbusHandler& client) { return client.Listen(); };
-    hooks.readNumberSetting = [](const char* key, uint32_t safeDefault) {
-        return Settingsd::SettingsDaemonDbusHandler::GetBluetoothSetting<uint32_t>(key, safeDefault);
-    };
-    hooks.readFlagSetting = [](const char* key, bool safeDefault) {
-        return Settingsd::SettingsDaemonDbusHandler::GetBluetoothSetting<bool>(key, safeDefault);
-    };
-    hooks.readPowerProperties = [](sdbus_utils::TypedPropertyMap& properties) {
-        return Pylond::PylonDaemonDbusHandler::GetAllPowerProperties(false, properties);
-    };
-    hooks.readNetworkProperties = [](sdbus_utils::TypedPropertyMap& properties) {
-        return Networkd::NetworkDaemonDbusHandler::GetAllNetworkProperties(properties);
-    };
-    hooks.followSibling = [](DbusHelper::DbusListener& client, const char* service,
-                             std::function<void()> appeared) {
-        return client.ListenNameAppeared(service, std::move(appeared));
-    };
-    hooks.readSettingsSection = [](sdbus_utils::TypedPropertyMap& settings) {
-        return Settingsd::SettingsDaemonDbusHandler::GetSectionSettings(BluetoothSettingsSection, settings);
-    };
-    hooks.sleep = Loop::SleepFor;
-    hooks.radioType = VantuInfo::ThisVantu::RadioType;
-    hooks.monotonicNowUsec = MonotonicNowUsec;
-    return hooks;
-}
-
-BluetoothController::BluetoothController(sd_event* eventLoop)
-    : BluetoothController(eventLoop, SystemControllerHooks()) {}
 
 BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks controllerHooks)
     : loop(eventLoop), hooks(std::move(controllerHooks)) {
+    loopThread = std::this_thread::get_id();
     queue = std::make_shared<Loop::Queue>(loop);
+    scanLock = std::make_shared<ScanLock>();
     // only ever called on the loop, through the queue, which the destructor closes first
     cameraWorkers = std::make_shared<CameraWorkers>(
-        queue, hooks.radioType, hooks.sleep,
+        queue, scanLock, hooks.radioType, hooks.sleep,
         [this](bool success, const std::string& json) { configuredCamera.emit(success, json); });
 
     settingsClient = std::make_shared<Settingsd::SettingsDaemonDbusHandler>(loop);
@@ -126,6 +81,8 @@ BluetoothController::BluetoothController(sd_event* eventLoop, ControllerHooks co
 }
 
 BluetoothController::~BluetoothController() {
+    for (auto& connection : backendConnections)
+        connection.disconnect();
     if (!cameraWorkers->Stop(kWorkerStopGrace))
         Logging::Log(LOG_WARNING, "%d camera worker(s) still running at exit", cameraWorkers->Running());
 }
@@ -172,7 +129,12 @@ bool BluetoothController::Initialise() {
         // after every slot of the new data: the D-Bus objects announce the data, then the changed list
         remoteCameraManager->NewData().connect(
             [this](const std::string&) { (void)queue->Post([this] { remoteCamerasChanged.emit(); }); });
-        cameraWorkers->Attach(remoteCameraManager, scanner);
+        // the scanner and the manager may outlive the controller: these go with it
+        backendConnections.push_back(remoteCameraManager->NewData().connect(
+            [this](const std::string& json) { newCameraData.emit(json); }));
+        backendConnections.push_back(scanner->NewRemoteCamera().connect(
+            [this](const std::string& json) { discoveredRemoteCamera.emit(json); }));
+        cameraWorkers->Attach(remoteCameraManager);
         ApplySettings();
         initialised = true;
         return true;

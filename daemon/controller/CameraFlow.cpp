@@ -5,13 +5,10 @@
 #include "controller/BluetoothController.h"
 #include "controller/CameraWorkers.h"
 #include "scanned_device/RemoteCamera.h"
+#include "vocabulary/Vocabulary.h"
 
 bool BluetoothController::StopCameraWork(std::chrono::milliseconds grace) {
     return cameraWorkers->Stop(grace);
-}
-
-std::mutex& BluetoothController::ScanLock() {
-    return cameraWorkers->ScanLock();
 }
 
 void BluetoothController::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera) {
@@ -19,7 +16,9 @@ void BluetoothController::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::R
 }
 
 void BluetoothController::StartBleInfoRefresh() {
-    cameraWorkers->StartBleInfoRefresh();
+    // the list as it is now, taken here: the workers never read the scanner
+    if (scanner)
+        cameraWorkers->StartBleInfoRefresh(scanner->Devices());
 }
 
 std::shared_ptr<ScannedDevice::RemoteCamera> BluetoothController::FindRemoteCamera(
@@ -34,4 +33,18 @@ std::shared_ptr<ScannedDevice::RemoteCamera> BluetoothController::FindRemoteCame
             return camera;
     }
     return nullptr;
+}
+
+BluetoothController::ConfigurationRequest BluetoothController::RequestConfiguration(
+    const std::string& address) {
+    // only what the scanner lists at this moment counts
+    const std::shared_ptr<ScannedDevice::RemoteCamera> camera = FindRemoteCamera(address);
+    if (!camera)
+        return {ConfigurationRequest::Outcome::NotFound, {}};
+    if (camera->DeviceType() != kRemoteCameraDeviceType) {
+        // a type the table does not know throws "map::at", which the caller's C boundary turns into an error
+        return {ConfigurationRequest::Outcome::NotACamera, DeviceTypeNames.at(camera->DeviceType())};
+    }
+    ConfigureRemoteCamera(camera);
+    return {ConfigurationRequest::Outcome::Started, {}};
 }

@@ -6,53 +6,27 @@
 #include <utility>
 #include <vector>
 
-#include "backend/Scanner.h"
 #include "logging/Log.h"
+#include "loop/CBoundary.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
-
-namespace {
-
-// Logging may fail too; nothing may leave a worker thread.
-void LogEscaped(const char* where, const char* what) noexcept {
-    try {
-        Logging::Log(LOG_ERR, "%s: %s", where, what);
-    } catch (...) {
-    }
-}
-
-// Runs `body`; what it throws is logged and stops here. False when it threw.
-template <typename Body>
-bool Guarded(const char* where, Body&& body) noexcept {
-    try {
-        body();
-        return true;
-    } catch (const std::exception& e) {
-        LogEscaped(where, e.what());
-    } catch (...) {
-        LogEscaped(where, "unknown exception");
-    }
-    return false;
-}
-
-}  // namespace
 
 const char* CameraWorkers::ExpectedWiFiFrequency(int radioType) {
     return radioType == 1 ? "5.0" : "2.4";
 }
 
-CameraWorkers::CameraWorkers(std::shared_ptr<Loop::Queue> loopQueue, std::function<int()> readRadioType,
-                             Loop::Sleeper pause, ConfiguredReport configured)
+CameraWorkers::CameraWorkers(std::shared_ptr<Loop::Queue> loopQueue, std::shared_ptr<ScanLock> lock,
+                             std::function<int()> readRadioType, Loop::Sleeper pause,
+                             ConfiguredReport configured)
     : queue(std::move(loopQueue)),
+      scanLock(std::move(lock)),
       radioType(std::move(readRadioType)),
       sleep(std::move(pause)),
       onConfigured(std::move(configured)) {}
 
-void CameraWorkers::Attach(std::shared_ptr<KelpBleManager> cameraManager,
-                           std::shared_ptr<Backend::Scanner> deviceScanner) {
+void CameraWorkers::Attach(std::shared_ptr<KelpBleManager> cameraManager) {
     manager = std::move(cameraManager);
-    scanner = std::move(deviceScanner);
 }
 
 CameraWorkers::Counted::Counted(CameraWorkers& owner) : workers(owner) {
@@ -73,18 +47,12 @@ void CameraWorkers::StartConfiguration(std::shared_ptr<ScannedDevice::RemoteCame
     std::thread(&CameraWorkers::ConfigureRemoteCamera, shared_from_this(), std::move(camera)).detach();
 }
 
-void CameraWorkers::StartBleInfoRefresh() {
-    if (!manager || !scanner || Stopping())
+void CameraWorkers::StartBleInfoRefresh(DeviceList devices) {
+    if (!manager || Stopping())
         return;
-    std::thread(&CameraWorkers::RefreshBleInfo, shared_from_this()).detach();
-}
-
-void CameraWorkers::SetLastScanTime(std::chrono::system_clock::time_point when) {
-    lastScanTicks.store(when.time_since_epoch().count());
-}
-
-std::chrono::system_clock::time_point CameraWorkers::LastScanTime() const {
-    return std::chrono::system_clock::time_point(std::chrono::system_clock::duration(lastScanTicks.load()));
+    std::thread([workers = shared_from_this(), devices = std::move(devices)] {
+        (void)workers->RefreshBleInfo(devices);
+    }).detach();
 }
 
 void CameraWorkers::Sleep(const Loop::Sleeper& pause, std::chrono::milliseconds duration) const {
@@ -107,9 +75,10 @@ int CameraWorkers::Running() const {
 
 void CameraWorkers::Step(const char* name) {
     const auto now = std::chrono::system_clock::now();
-    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - LastScanTime());
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now - scanLock->LastScanTime());
     Logging::Log(LOG_INFO, "%s: Time Elapsed: %llu", name, static_cast<unsigned long long>(elapsed.count()));
-    SetLastScanTime(now);
+    scanLock->SetLastScanTime(now);
 }
 
 bool CameraWorkers::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera) {
@@ -119,15 +88,15 @@ bool CameraWorkers::ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteC
     bool success = false;
     // Whatever goes wrong inside (a lock that cannot be taken, a camera the manager lost), the lock is
     // released, the outcome is a failure and it is still reported.
-    Guarded("ConfigureRemoteCamera", [&] {
+    CBoundary::Finished("ConfigureRemoteCamera", [&] {
         const std::string expected = ExpectedWiFiFrequency(radioType ? radioType() : 0);
-        SetLastScanTime(std::chrono::system_clock::now());
-        std::lock_guard<std::mutex> lock(scanLock);
-        Guarded("ConfigureRemoteCamera", [&] { success = RunFlow(camera, expected); });
+        scanLock->SetLastScanTime(std::chrono::system_clock::now());
+        std::lock_guard<std::mutex> lock(scanLock->Mutex());
+        CBoundary::Finished("ConfigureRemoteCamera", [&] { success = RunFlow(camera, expected); });
         if (!success)
             ReportFailure(*camera, expected);
     });
-    Guarded("ConfigureRemoteCamera", [&] {
+    CBoundary::Finished("ConfigureRemoteCamera", [&] {
         std::string json = ScannedDevice::DumpJson(camera->ToJson());
         std::weak_ptr<CameraWorkers> weak = weak_from_this();
         if (queue)
@@ -164,7 +133,7 @@ bool CameraWorkers::RunFlow(const std::shared_ptr<ScannedDevice::RemoteCamera>& 
         }
     } catch (const std::exception& e) {
         // still disconnected below, and reported as a failure
-        LogEscaped("ConfigureRemoteCamera", e.what());
+        CBoundary::Note("ConfigureRemoteCamera", e.what());
         success = false;
     }
     manager->Unsubscribe(camera);
@@ -182,14 +151,14 @@ void CameraWorkers::ReportFailure(const ScannedDevice::RemoteCamera& camera,
                  kWiFiConnected);
 }
 
-bool CameraWorkers::RefreshBleInfo() {
+bool CameraWorkers::RefreshBleInfo(const DeviceList& devices) {
     Counted counted(*this);
-    if (Stopping() || !manager || !scanner)
+    if (Stopping() || !manager)
         return false;
     bool allRead = true;
-    const bool finished = Guarded("RefreshBleInfo", [&] {
-        std::lock_guard<std::mutex> lock(scanLock);
-        for (const auto& device : scanner->Devices()) {
+    const bool finished = CBoundary::Finished("RefreshBleInfo", [&] {
+        std::lock_guard<std::mutex> lock(scanLock->Mutex());
+        for (const auto& device : devices) {
             if (Stopping())
                 return;
             auto camera = std::dynamic_pointer_cast<ScannedDevice::RemoteCamera>(device);
@@ -197,7 +166,7 @@ bool CameraWorkers::RefreshBleInfo() {
             if (!camera || !KelpBleManager::IsRemoteCamera(camera))
                 continue;
             bool read = false;
-            Guarded("RefreshBleInfo", [&] { read = ReadOne(camera); });
+            CBoundary::Finished("RefreshBleInfo", [&] { read = ReadOne(camera); });
             if (!read) {
                 Logging::Log(LOG_ERR, "Failed to get BLE info from device %s", camera->Mac().c_str());
                 allRead = false;
@@ -209,7 +178,7 @@ bool CameraWorkers::RefreshBleInfo() {
 
 bool CameraWorkers::ReadOne(const std::shared_ptr<ScannedDevice::RemoteCamera>& camera) {
     bool read = false;
-    Guarded("RefreshBleInfo", [&] {
+    CBoundary::Finished("RefreshBleInfo", [&] {
         if (!manager->Subscribe(camera))
             return;
         std::string json;

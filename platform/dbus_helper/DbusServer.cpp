@@ -187,14 +187,6 @@ int DbusServer::ReplyManagedObjects(sd_bus_message* m, sd_bus_error* error) {
     return r < 0 ? r : 1;
 }
 
-void DbusServer::RunOnBusThread(std::function<void()> task) {
-    if (queue == nullptr || std::this_thread::get_id() == busThread) {
-        task();
-        return;
-    }
-    queue->Post(std::move(task));
-}
-
 void DbusServer::Release() {
     acquiredMatch.reset();
     ownsName = false;

@@ -10,7 +10,7 @@
 // plain: the loop is the only writer.
 //
 // What the controller needs from the outside world comes in one ControllerHooks, so that tests can run
-// it on fakes with a real sd-event loop; the daemon uses SystemControllerHooks().
+// it on fakes with a real sd-event loop; the daemon hands it Daemon::SystemControllerHooks().
 
 #include <sigc++/sigc++.h>
 #include <systemd/sd-event.h>
@@ -22,6 +22,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "dbus_helper/Handles.h"
 #include "dbus_helper/SdbusUtils.h"
@@ -41,7 +43,8 @@ class Base;
 }
 namespace ScannedDevice {
 class RemoteCamera;
-}
+class JsonArray;
+}  // namespace ScannedDevice
 namespace Loop {
 class Queue;
 }
@@ -58,6 +61,7 @@ class PylonDaemonDbusHandler;
 
 class KelpBleManager;
 class CameraWorkers;
+class ScanLock;
 
 struct ControllerHooks {
     // The backends, created by Initialise().
@@ -89,9 +93,6 @@ struct ControllerHooks {
     std::function<uint64_t()> monotonicNowUsec;
 };
 
-// The real backends, the real sibling daemons, real sleeps and the real clock.
-ControllerHooks SystemControllerHooks();
-
 class BluetoothController {
   public:
     // What the last scan did, auto-scan period or Scan call, for the service's status line.
@@ -101,6 +102,16 @@ class BluetoothController {
     using ConfiguredCameraSignal = sigc::signal<void(bool, std::string)>;
     // The known remote cameras changed (new data read from one of them).
     using RemoteCamerasChangedSignal = sigc::signal<void()>;
+    // A remote camera's JSON document: one a scan pass found for the first time, or new data read from one.
+    using CameraJsonSignal = sigc::signal<void(const std::string&)>;
+
+    // What a client's request to configure a remote camera came to.
+    struct ConfigurationRequest {
+        enum class Outcome { Started, NotFound, NotACamera };
+        Outcome outcome = Outcome::NotFound;
+        // NotACamera: the model the device's type names.
+        std::string model;
+    };
 
     static constexpr int kScanAttempts = 3;
     static constexpr std::chrono::milliseconds kRadioRebootWait{2000};
@@ -111,7 +122,6 @@ class BluetoothController {
 
     // Listens to the sibling daemons, reads their state and the settings, creates the auto-scan timer
     // disarmed. Touches no backend: nothing is switched on before Initialise().
-    explicit BluetoothController(sd_event* loop);
     BluetoothController(sd_event* loop, ControllerHooks hooks);
     ~BluetoothController();
     BluetoothController(const BluetoothController&) = delete;
@@ -144,6 +154,12 @@ class BluetoothController {
     int AutoScanTask();
     // One pass for a client's Scan call, no retry; its outcome is kept like an auto-scan period's.
     int ScanOnce();
+    // A client's Scan call whole: auto-scan and advertising paused, one pass unless a camera's GATT
+    // exchange holds the radio (then skipped), both resumed as they were; the devices known afterwards.
+    ScannedDevice::JsonArray ScanNow();
+    // The scanner's devices as they are now, all of them / the remote cameras; "[]" before Initialise().
+    ScannedDevice::JsonArray ScannedDevicesJson() const;
+    ScannedDevice::JsonArray RemoteCamerasJson() const;
     // A scan given up because a camera's GATT exchange held the scan lock.
     void NoteScanSkipped() { lastScan = ScanOutcome::Skipped; }
     ScanOutcome LastScanOutcome() const { return lastScan; }
@@ -165,6 +181,20 @@ class BluetoothController {
     void NetworkPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
     void PowerPropertiesChanged(sdbus_utils::TypedPropertyMap& properties);
 
+    // The adapter's switches, read and set on the radio itself (false, and nothing set, before
+    // Initialise()); what a set returns is not kept.
+    bool GetRadioPowered() const;
+    void SetRadioPowered(bool on);
+    bool GetRadioPairable() const;
+    void SetRadioPairable(bool on);
+    bool GetRadioDiscoverable() const;
+    void SetRadioDiscoverable(bool on);
+
+    // A client asks for the camera `address` to be configured: started only for a remote camera the
+    // scanner lists now whose type is the camera's. A type the vocabulary does not name throws
+    // std::out_of_range.
+    ConfigurationRequest RequestConfiguration(const std::string& address);
+
     // Prepare one scanned camera for use (connect, switch on, wait for its access point, set its band)
     // and report through ConfiguredCamera(); re-read the BLE information of every known camera, which
     // reaches the camera manager's NewData(). Both on detached threads; both return at once.
@@ -179,21 +209,16 @@ class BluetoothController {
     // False when some are still running. The destructor does the same.
     bool StopCameraWork(std::chrono::milliseconds grace = kWorkerStopGrace);
 
-    // Held by a camera worker for its whole GATT exchange; the auto-scan period only tries it.
-    std::mutex& ScanLock();
-    // The camera work's state, shared with its threads.
-    const std::shared_ptr<CameraWorkers>& Workers() const { return cameraWorkers; }
-
+    // All fire on the loop thread.
     ConfiguredCameraSignal& ConfiguredCamera() { return configuredCamera; }
     RemoteCamerasChangedSignal& RemoteCamerasChanged() { return remoteCamerasChanged; }
-
-    // For the D-Bus objects; null before Initialise().
-    const std::shared_ptr<Backend::Radio>& Radio() const { return radio; }
-    const std::shared_ptr<Backend::Scanner>& Scanner() const { return scanner; }
-    const std::shared_ptr<Backend::Advertiser>& Advertiser() const { return advertiser; }
-    const std::shared_ptr<KelpBleManager>& CameraManager() const { return remoteCameraManager; }
+    CameraJsonSignal& DiscoveredRemoteCamera() { return discoveredRemoteCamera; }
+    CameraJsonSignal& NewCameraData() { return newCameraData; }
 
   private:
+    // Tests reach the scan lock and the workers through it.
+    friend class ControllerProbe;
+
     // The "bluetooth" settings the controller keeps, by key and signature.
     struct NumberSetting {
         const char* key;
@@ -226,6 +251,8 @@ class BluetoothController {
     // Sets the timer's due time and switch; the OR of both calls' results.
     int ArmTimer(uint64_t dueUsec, int enabled);
     int ScanWithRetries();
+    // A debug build stops a call of the radio's switches from any other thread.
+    void AssertOnLoopThread() const;
     static int OnAutoScanTimer(sd_event_source* source, uint64_t usec, void* userdata);
 
     std::shared_ptr<ScanResponse::Base> scanResponse;
@@ -248,8 +275,8 @@ class BluetoothController {
 
     DbusHelper::EventSource autoScanTimer;
     sd_event* loop;
-    // The last scan time, which the camera workers also use as their stopwatch, lives in
-    // cameraWorkers: the workers may outlive the controller.
+    // The last scan time, which the camera workers also use as their stopwatch, lives in scanLock: the
+    // workers may outlive the controller.
 
     std::shared_ptr<Settingsd::SettingsDaemonDbusHandler> settingsClient;
     std::shared_ptr<Pylond::PylonDaemonDbusHandler> powerClient;
@@ -257,10 +284,17 @@ class BluetoothController {
 
     ConfiguredCameraSignal configuredCamera;
     RemoteCamerasChangedSignal remoteCamerasChanged;
+    CameraJsonSignal discoveredRemoteCamera;
+    CameraJsonSignal newCameraData;
+    std::vector<sigc::connection> backendConnections;
 
     ControllerHooks hooks;
     // Hands what the camera workers and the BLE library's thread report to the loop, in order.
     std::shared_ptr<Loop::Queue> queue;
-    // Holds the process's one scan lock: a scan and a camera's GATT exchange never overlap.
+    // A scan and a camera's GATT exchange never overlap; shared with the workers, which may outlive this.
+    std::shared_ptr<ScanLock> scanLock;
     std::shared_ptr<CameraWorkers> cameraWorkers;
+    // Where the loop runs: the radio's switches are the loop's alone, the workers use its device
+    // operations.
+    std::thread::id loopThread;
 };

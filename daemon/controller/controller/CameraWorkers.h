@@ -1,16 +1,17 @@
 #pragma once
 // The remote-camera work of the controller, on detached threads: configuring one camera (connect, read
 // its state, switch it on, wait for its access point, set its band, disconnect, report) and re-reading
-// the BLE information of every known camera. Both hold the scan lock for their whole GATT exchange, so
-// that the auto-scan period, which only tries the lock, skips instead of scanning beside them.
+// the BLE information of the cameras the controller listed. Both hold the controller's scan lock for their
+// whole GATT exchange, so that the auto-scan period, which only tries the lock, skips instead of scanning
+// beside them.
 //
-// Lifetime: a worker thread holds this object, and through it the camera manager, the scanner and the
+// Lifetime: a worker thread holds this object, and through it the camera manager, the scan lock and the
 // loop queue, for as long as it runs; it may outlive the controller. Stop() (the controller's
 // destructor) closes the hand-over to the loop, makes the remaining waits return at once so that a
 // flow in progress ends promptly, and waits a bounded time for the workers.
 //
 // Threads: results reach the loop only through the loop queue, in the order the workers posted them.
-// The stopwatch (the controller's last scan time) is atomic: two requests may start at once.
+// The workers read no device list of their own: the refresh is handed one the loop took.
 
 #include <atomic>
 #include <chrono>
@@ -20,22 +21,23 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "controller/ScanLock.h"
 #include "loop/Queue.h"
 #include "loop/Sleep.h"
 
-namespace Backend {
-class Scanner;
-}
 namespace ScannedDevice {
+class Base;
 class RemoteCamera;
-}
+}  // namespace ScannedDevice
 class KelpBleManager;
 
 class CameraWorkers : public std::enable_shared_from_this<CameraWorkers> {
   public:
     // On the loop thread: the outcome of a configuration and the camera's JSON document.
     using ConfiguredReport = std::function<void(bool, const std::string&)>;
+    using DeviceList = std::vector<std::shared_ptr<ScannedDevice::Base>>;
 
     // The power state that asks for a power command, and the target of that command.
     static constexpr uint8_t kPowerOff = 'U';
@@ -54,28 +56,23 @@ class CameraWorkers : public std::enable_shared_from_this<CameraWorkers> {
     static const char* ExpectedWiFiFrequency(int radioType);
 
     // `radioType` tells this unit's radio (VantuInfo::ThisVantu::RadioType); `sleep` the refresh's pause.
-    CameraWorkers(std::shared_ptr<Loop::Queue> queue, std::function<int()> radioType, Loop::Sleeper sleep,
-                  ConfiguredReport onConfigured);
+    CameraWorkers(std::shared_ptr<Loop::Queue> queue, std::shared_ptr<ScanLock> scanLock,
+                  std::function<int()> radioType, Loop::Sleeper sleep, ConfiguredReport onConfigured);
     CameraWorkers(const CameraWorkers&) = delete;
     CameraWorkers& operator=(const CameraWorkers&) = delete;
 
     // Loop thread, before the first Start...: what the workers drive.
-    void Attach(std::shared_ptr<KelpBleManager> manager, std::shared_ptr<Backend::Scanner> scanner);
+    void Attach(std::shared_ptr<KelpBleManager> manager);
 
     // Loop thread. Start the workers on detached threads and return at once; nothing happens without a
     // manager or once stopping. std::system_error when no thread can be started.
     void StartConfiguration(std::shared_ptr<ScannedDevice::RemoteCamera> camera);
-    void StartBleInfoRefresh();
+    // `devices`: the list as the loop had it when the refresh was asked for.
+    void StartBleInfoRefresh(DeviceList devices);
 
     // The workers themselves, on their own threads (tests call them directly). True on success.
     bool ConfigureRemoteCamera(std::shared_ptr<ScannedDevice::RemoteCamera> camera);
-    bool RefreshBleInfo();
-
-    // The process's one scan lock.
-    std::mutex& ScanLock() { return scanLock; }
-    // When the last auto-scan ended; also the workers' stopwatch.
-    void SetLastScanTime(std::chrono::system_clock::time_point when);
-    std::chrono::system_clock::time_point LastScanTime() const;
+    bool RefreshBleInfo(const DeviceList& devices);
 
     // Waits that a running flow takes: skipped once stopping.
     void Sleep(const Loop::Sleeper& sleep, std::chrono::milliseconds duration) const;
@@ -104,14 +101,12 @@ class CameraWorkers : public std::enable_shared_from_this<CameraWorkers> {
     bool ReadOne(const std::shared_ptr<ScannedDevice::RemoteCamera>& camera);
 
     std::shared_ptr<Loop::Queue> queue;
+    std::shared_ptr<ScanLock> scanLock;
     std::function<int()> radioType;
     Loop::Sleeper sleep;
     ConfiguredReport onConfigured;
     std::shared_ptr<KelpBleManager> manager;
-    std::shared_ptr<Backend::Scanner> scanner;
 
-    std::mutex scanLock;
-    std::atomic<std::chrono::system_clock::rep> lastScanTicks{0};
     std::atomic<bool> stopping{false};
     mutable std::mutex runningMutex;
     std::condition_variable allFinished;

@@ -74,9 +74,6 @@ class DbusServer {
     const std::string& ServiceName() const { return serviceName; }
     const std::string& ObjectPath() const { return objectPath; }
 
-    // As DbusObject::OnBusThread: now on the loop thread (or before Start()), otherwise handed to it.
-    void RunOnBusThread(std::function<void()> task);
-
   protected:
     // The connection Start() serves on: the system or the user bus. A fuzzer hands a started direct
     // connection instead, which has no bus to own a name on: Start() then requests none.

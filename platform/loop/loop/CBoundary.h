@@ -26,6 +26,30 @@ inline void Report(const char* where, const char* what) noexcept {
     }
 }
 
+// A line of its own for what a thread's catch-all stopped, "where: what"; never throws.
+inline void Note(const char* where, const char* what) noexcept {
+    try {
+        Logging::Log(LOG_ERR, "%s: %s", where, what);
+    } catch (...) {
+    }
+}
+
+// The same barrier for a thread's own body (a worker), where there is no errno to give: what `body`
+// throws is logged as "where: what" ("where: unknown exception") and stops here. True when the body
+// finished.
+template <typename Body>
+bool Finished(const char* where, Body&& body) noexcept {
+    try {
+        std::forward<Body>(body)();
+        return true;
+    } catch (const std::exception& e) {
+        Note(where, e.what());
+    } catch (...) {
+        Note(where, "unknown exception");
+    }
+    return false;
+}
+
 template <typename Body>
 int Call(const char* where, Body&& body) noexcept {
     try {

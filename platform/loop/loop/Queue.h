@@ -9,7 +9,7 @@
 #include <functional>
 #include <mutex>
 
-#include "dbus_helper/Handles.h"
+#include "sd_handles/Handles.h"
 
 namespace Loop {
 
@@ -34,7 +34,7 @@ class Queue {
     void Drain();
 
     int fd = -1;
-    DbusHelper::EventSource source;
+    SdHandles::EventSource source;
     std::mutex mutex;
     std::deque<std::function<void()>> tasks;
     bool closed = false;

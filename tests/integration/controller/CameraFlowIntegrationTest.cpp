@@ -23,10 +23,12 @@
 #include "backend/Scanner.h"
 #include "controller/BluetoothController.h"
 #include "controller/CameraWorkers.h"
+#include "daemon/SystemHooks.h"
 #include "logging/Log.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/Json.h"
 #include "scanned_device/RemoteCamera.h"
+#include "test_support/ControllerProbe.h"
 #include "test_support/LoopHelpers.h"
 #include "vocabulary/Vocabulary.h"
 
@@ -57,7 +59,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
         if (HasFatalFailure())
             return;
         ASSERT_GE(sd_event_new(&loop), 0);
-        ControllerHooks hooks = SystemControllerHooks();
+        ControllerHooks hooks = Daemon::SystemControllerHooks();
         hooks.readNumberSetting = [](const char* key, uint32_t safeDefault) {
             return std::strcmp(key, BluetoothSettings::AutoScanRateSecs) == 0 ? 1u : safeDefault;
         };
@@ -69,7 +71,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
         controller->ConfiguredCamera().connect([this](bool success, std::string json) {
             reports.push_back({success, std::move(json)});
         });
-        controller->CameraManager()->NewData().connect([this](const std::string& json) {
+        controller->NewCameraData().connect([this](const std::string& json) {
             newDataMacs.push_back(nlohmann::json::parse(json).at("mac").get<std::string>());
         });
     }
@@ -100,7 +102,7 @@ class CameraFlowIntegration : public BackendTest::BluezFixture {
     std::shared_ptr<ScannedDevice::RemoteCamera> Scanned(const std::string& address) {
         for (int pass = 0; pass < 3; ++pass) {
             (void)controller->AutoScanTask();
-            for (const auto& device : controller->Scanner()->Devices()) {
+            for (const auto& device : ControllerProbe::Scanner(*controller)->Devices()) {
                 if (device->Mac() == address)
                     return std::dynamic_pointer_cast<ScannedDevice::RemoteCamera>(device);
             }
@@ -229,7 +231,7 @@ TEST_F(CameraFlowIntegration, TheRefreshReadsEveryCameraAndLogsOneThatCannotBeRe
     Logging::Capture capture;
     controller->StartBleInfoRefresh();
     ASSERT_TRUE(RunLoopUntil([&] {
-        return controller->Workers()->Running() == 0 &&
+        return ControllerProbe::Workers(*controller)->Running() == 0 &&
                capture.CountContaining("Failed to get BLE info from device") > 0;
     }));
     sim.ClearMethodBehaviour(second, "Connect");
@@ -259,7 +261,7 @@ TEST_F(CameraFlowIntegration, ACameraAnsweringInvalidUtf8IsConfiguredAndReadAndI
 
     controller->StartBleInfoRefresh();
     ASSERT_TRUE(RunLoopUntil([&] {
-        return controller->Workers()->Running() == 0 &&
+        return ControllerProbe::Workers(*controller)->Running() == 0 &&
                std::count(newDataMacs.begin(), newDataMacs.end(), kFirst) >= 6;
     }));
     EXPECT_EQ(camera->WiFiFrequency(),

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <systemd/sd-event.h>
+#include <time.h>
 
 #include <cerrno>
 #include <chrono>
@@ -26,13 +27,20 @@ namespace ControllerTest {
 
 using Journal = std::vector<std::string>;
 
+// CLOCK_MONOTONIC now, in microseconds, as the daemon's own clock reads it.
+inline uint64_t MonotonicNowUsec() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000u + static_cast<uint64_t>(now.tv_nsec) / 1'000u;
+}
+
 class ControllerFixture : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_GE(sd_event_new(&loop), 0);
         // an hour past the real clock: a period the fake clock arms never comes due while a test runs
         // the loop, however long the machine has been up
-        nowUsec = SystemControllerHooks().monotonicNowUsec() + 3'600'000'000ULL;
+        nowUsec = MonotonicNowUsec() + 3'600'000'000ULL;
         ScanResponse::Utils::ThisDevice::ResetForTests();
         radio->journal = journal;
         scanner->journal = journal;
@@ -101,7 +109,7 @@ class ControllerFixture : public ::testing::Test {
         };
         hooks.radioType = [this] { return radioType; };
         if (realClock)
-            hooks.monotonicNowUsec = SystemControllerHooks().monotonicNowUsec;
+            hooks.monotonicNowUsec = MonotonicNowUsec;
         else
             hooks.monotonicNowUsec = [this] { return nowUsec; };
         return hooks;

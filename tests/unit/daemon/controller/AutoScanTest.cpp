@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "test_support/ControllerFixture.h"
+#include "test_support/ControllerProbe.h"
 
 using namespace ControllerTest;
 
@@ -79,7 +80,7 @@ TEST_F(AutoScan, APeriodStopsScansRefreshesAndRestartsAdvertisingThenRearmsFromI
     EXPECT_EQ(controller->AutoScanDueUsec(), nowUsec + 10 * kSecond);
     EXPECT_TRUE(controller->AutoScanArmed());
     EXPECT_TRUE(capture.Lines().empty());
-    EXPECT_TRUE(TryLockElsewhere(controller->ScanLock()));
+    EXPECT_TRUE(TryLockElsewhere(ControllerProbe::ScanLock(*controller)));
 }
 
 TEST_F(AutoScan, AScannerThatAlwaysFailsGetsThreeAttemptsAndThreeRadioReboots) {
@@ -113,7 +114,7 @@ TEST_F(AutoScan, ASecondAttemptThatSucceedsEndsTheRetries) {
 TEST_F(AutoScan, ABusyScanLockSkipsThePeriodButRearms) {
     MakeInitialised();
     {
-        WorkerHoldingTheLock worker(controller->ScanLock());
+        WorkerHoldingTheLock worker(ControllerProbe::ScanLock(*controller));
         EXPECT_EQ(controller->AutoScanTask(), 0);
     }
     EXPECT_TRUE(journal->empty());
@@ -139,7 +140,7 @@ TEST_F(AutoScan, APassThatThrowsIsAbandonedAndTheUnitGoesBackOnAir) {
     EXPECT_EQ(capture.CountContaining("vector::_M_range_check"), 1u);
     EXPECT_EQ(capture.Lines().at(0).priority, LOG_ERR);
     EXPECT_TRUE(controller->AutoScanArmed());
-    EXPECT_TRUE(TryLockElsewhere(controller->ScanLock()));
+    EXPECT_TRUE(TryLockElsewhere(ControllerProbe::ScanLock(*controller)));
     // and the next period runs as usual
     scanner->onScan = nullptr;
     EXPECT_EQ(controller->AutoScanTask(), 0);
@@ -213,7 +214,7 @@ TEST_F(AutoScan, EachScanLeavesItsOutcomeForTheStatusLine) {
     controller->AutoScanTask();
     EXPECT_EQ(controller->LastScanOutcome(), Outcome::Succeeded);
     {
-        WorkerHoldingTheLock worker(controller->ScanLock());
+        WorkerHoldingTheLock worker(ControllerProbe::ScanLock(*controller));
         controller->AutoScanTask();
     }
     EXPECT_EQ(controller->LastScanOutcome(), Outcome::Skipped);

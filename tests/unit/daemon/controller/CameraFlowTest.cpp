@@ -16,6 +16,7 @@
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/RemoteCamera.h"
 #include "test_support/ControllerFixture.h"
+#include "test_support/ControllerProbe.h"
 
 using namespace ControllerTest;
 using ::testing::ElementsAre;
@@ -332,7 +333,7 @@ TEST_F(CameraFlow, TheReportAndTheCamerasNewDataReachTheLoopThreadInOrder) {
     std::vector<std::pair<std::string, std::thread::id>> newData;
     int changed = 0;
     std::vector<std::string> order;
-    controller->CameraManager()->NewData().connect([&](const std::string& json) {
+    controller->NewCameraData().connect([&](const std::string& json) {
         newData.emplace_back(json, std::this_thread::get_id());
         order.push_back("data");
     });
@@ -423,7 +424,7 @@ TEST_F(CameraFlow, AnExceptionInsideTheFlowIsLoggedTheCameraDisconnectedAndAFail
     EXPECT_EQ(radio->calls.back(), std::string("disconnect ") + kCameraMac);
     EXPECT_TRUE(capture.Contains("Failed to configure Kelp-1 over BLE:", LOG_ERR));
     // and the lock was given back
-    std::unique_lock<std::mutex> lock(controller->ScanLock(), std::try_to_lock);
+    std::unique_lock<std::mutex> lock(ControllerProbe::ScanLock(*controller), std::try_to_lock);
     EXPECT_TRUE(lock.owns_lock());
 }
 
@@ -431,7 +432,7 @@ TEST_F(CameraFlow, NothingHappensBeforeTheControllerIsInitialised) {
     Make();
     controller->ConfigureRemoteCamera(camera);
     controller->StartBleInfoRefresh();
-    EXPECT_EQ(controller->Workers()->Running(), 0);
+    EXPECT_EQ(ControllerProbe::Workers(*controller)->Running(), 0);
     EXPECT_THAT(radio->calls, IsEmpty());
 }
 
@@ -443,8 +444,8 @@ TEST_F(CameraFlow, AWorkerOutlivesTheControllerAndItsFlowEndsPromptlyWithoutARep
     onSleep = [&gate](std::chrono::milliseconds) { gate.Wait(); };
     controller->ConfigureRemoteCamera(camera);
     ASSERT_TRUE(gate.AwaitWaiter());
-    std::shared_ptr<CameraWorkers> workers = controller->Workers();
-    const std::weak_ptr<KelpBleManager> manager = controller->CameraManager();
+    std::shared_ptr<CameraWorkers> workers = ControllerProbe::Workers(*controller);
+    const std::weak_ptr<KelpBleManager> manager = ControllerProbe::CameraManager(*controller);
 
     std::thread opener([&gate] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -486,7 +487,7 @@ TEST_F(BleInfoRefresh, EveryCameraIsReadAndOneThatCannotBeReadIsLogged) {
     radio->writeResults = {true, true, true, false};
     Ready();
     Logging::Capture capture;
-    EXPECT_FALSE(controller->Workers()->RefreshBleInfo());
+    EXPECT_FALSE(ControllerProbe::Workers(*controller)->RefreshBleInfo(scanner->Devices()));
 
     EXPECT_THAT(radio->calls, ::testing::Contains(std::string("disconnect ") + kCameraMac));
     EXPECT_THAT(radio->calls, ::testing::Contains(std::string("disconnect ") + kOtherCameraMac));
@@ -507,18 +508,19 @@ TEST_F(BleInfoRefresh, RunsOnItsOwnThreadUnderTheScanLockAndItsDataReachesTheLoo
     scripted.power = 'Y';
     Ready();
     std::vector<std::thread::id> threads;
-    controller->CameraManager()->NewData().connect(
+    controller->NewCameraData().connect(
         [&](const std::string&) { threads.push_back(std::this_thread::get_id()); });
     Gate gate;
     onSleep = [&gate](std::chrono::milliseconds) { gate.Wait(); };
     controller->StartBleInfoRefresh();
     ASSERT_TRUE(gate.AwaitWaiter());
     {
-        std::unique_lock<std::mutex> lock(controller->ScanLock(), std::try_to_lock);
+        std::unique_lock<std::mutex> lock(ControllerProbe::ScanLock(*controller), std::try_to_lock);
         EXPECT_FALSE(lock.owns_lock());
     }
     gate.Open();
-    ASSERT_TRUE(RunLoopUntil([&] { return threads.size() == 3 && controller->Workers()->Running() == 0; }));
+    ASSERT_TRUE(RunLoopUntil(
+        [&] { return threads.size() == 3 && ControllerProbe::Workers(*controller)->Running() == 0; }));
     for (const auto& thread : threads)
         EXPECT_EQ(thread, std::this_thread::get_id());
     EXPECT_EQ(radio->calls.back(), std::string("disconnect ") + kCameraMac);

@@ -6,6 +6,7 @@
 
 #include "PayloadSchema.h"
 #include "test_support/ControllerFixture.h"
+#include "test_support/ControllerProbe.h"
 
 using namespace ControllerTest;
 using Journal = ControllerTest::Journal;
@@ -26,7 +27,7 @@ TEST_F(Configuration, ConstructionFollowsTheSiblingsInOrderAndTouchesNoBackend) 
     EXPECT_TRUE(advertiser->calls.empty());
     EXPECT_EQ(scanner->ScanCalls(), 0);
     EXPECT_FALSE(controller->IsInitialised());
-    EXPECT_EQ(controller->Radio(), nullptr);
+    EXPECT_EQ(ControllerProbe::Radio(*controller), nullptr);
     // created disarmed
     EXPECT_FALSE(controller->AutoScanArmed());
     EXPECT_EQ(controller->AutoScanDueUsec(), UINT64_MAX);
@@ -106,7 +107,7 @@ TEST_F(Configuration, InitialiseAppliesThePowerOnPathInOrder) {
                                  "advertiser start"}));
     EXPECT_TRUE(advertiser->GetSystemCallDebug());
     EXPECT_TRUE(IsV3(advertiser->GetScanResponse()));
-    EXPECT_NE(controller->CameraManager(), nullptr);
+    EXPECT_NE(ControllerProbe::CameraManager(*controller), nullptr);
     EXPECT_TRUE(controller->AutoScanArmed());
     EXPECT_NE(controller->AutoScanDueUsec(), UINT64_MAX);
 }
@@ -121,7 +122,7 @@ TEST_F(Configuration, AnUnusableBackendLeavesTheControllerDown) {
         EXPECT_FALSE(controller->Initialise()) << which;
         EXPECT_FALSE(controller->IsInitialised()) << which;
         EXPECT_TRUE(journal->empty()) << which;
-        EXPECT_EQ(controller->CameraManager(), nullptr) << which;
+        EXPECT_EQ(ControllerProbe::CameraManager(*controller), nullptr) << which;
         EXPECT_FALSE(controller->AutoScanArmed()) << which;
     }
 }

@@ -37,3 +37,16 @@ TEST(CBoundary, OnlyErrnoCategoriesGiveTheirCode) {
               -EACCES);
     EXPECT_EQ(capture.Lines().size(), 2u);
 }
+
+TEST(CBoundary, FinishedTellsWhetherTheBodyRanToItsEnd) {
+    Logging::Capture capture;
+    int ran = 0;
+    EXPECT_TRUE(CBoundary::Finished("worker", [&] { ++ran; }));
+    EXPECT_EQ(ran, 1);
+    EXPECT_TRUE(capture.Lines().empty());
+    EXPECT_FALSE(CBoundary::Finished("worker", [] { throw std::runtime_error("link lost"); }));
+    EXPECT_FALSE(CBoundary::Finished("worker", [] { throw 5; }));
+    ASSERT_EQ(capture.Lines().size(), 2u);
+    EXPECT_TRUE(capture.Contains("worker: link lost", LOG_ERR));
+    EXPECT_TRUE(capture.Contains("worker: unknown exception", LOG_ERR));
+}
