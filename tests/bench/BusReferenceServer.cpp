@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string>
 
+#include "dbus_helper/Handles.h"
+
 namespace {
 
 constexpr const char* kName = "com.quorbel.bench.Reference";
@@ -39,34 +41,36 @@ const sd_bus_vtable kVtable[] = {
 }  // namespace
 
 int main() {
-    sd_event* loop = nullptr;
-    sd_bus* bus = nullptr;
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
     sigaddset(&mask, SIGINT);
     sigprocmask(SIG_BLOCK, &mask, nullptr);
-    int r = sd_event_default(&loop);
+    sd_event* defaultLoop = nullptr;
+    int r = sd_event_default(&defaultLoop);
+    const DbusHelper::Event loop(r >= 0 ? defaultLoop : nullptr);
     if (r >= 0)
-        r = sd_event_add_signal(loop, nullptr, SIGTERM, nullptr, nullptr);
+        r = sd_event_add_signal(loop.get(), nullptr, SIGTERM, nullptr, nullptr);
     if (r >= 0)
-        r = sd_event_add_signal(loop, nullptr, SIGINT, nullptr, nullptr);
+        r = sd_event_add_signal(loop.get(), nullptr, SIGINT, nullptr, nullptr);
+    DbusHelper::Bus bus;
+    if (r >= 0) {
+        sd_bus* opened = nullptr;
+        r = sd_bus_open_user(&opened);
+        bus.reset(r >= 0 ? opened : nullptr);
+    }
     if (r >= 0)
-        r = sd_bus_open_user(&bus);
+        r = sd_bus_add_object_vtable(bus.get(), nullptr, kPath, kName, kVtable, nullptr);
     if (r >= 0)
-        r = sd_bus_add_object_vtable(bus, nullptr, kPath, kName, kVtable, nullptr);
+        r = sd_bus_request_name(bus.get(), kName, 0);
     if (r >= 0)
-        r = sd_bus_request_name(bus, kName, 0);
-    if (r >= 0)
-        r = sd_bus_attach_event(bus, loop, SD_EVENT_PRIORITY_NORMAL);
+        r = sd_bus_attach_event(bus.get(), loop.get(), SD_EVENT_PRIORITY_NORMAL);
     if (r < 0) {
         std::fprintf(stderr, "bus_reference_server: %s\n", std::strerror(-r));
         return 1;
     }
     std::printf("READY\n");
     std::fflush(stdout);
-    r = sd_event_loop(loop);
-    sd_bus_flush_close_unref(bus);
-    sd_event_unref(loop);
+    r = sd_event_loop(loop.get());
     return r < 0 ? 1 : 0;
 }

@@ -18,31 +18,23 @@
 #include <vector>
 
 #include "FuzzSupport.h"
+#include "dbus_helper/Handles.h"
+#include "test_support/BusKit.h"
 
 namespace Fuzz {
 
-// A started connection that never talks: sd-bus builds messages on no other kind.
+// Messages built on a connection that never talks.
 class MessageFactory {
   public:
     MessageFactory() {
-        int fds[2];
-        Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, "socketpair");
-        other = fds[1];
-        Check(sd_bus_new(&bus) >= 0, "sd_bus_new");
-        Check(sd_bus_set_fd(bus, fds[0], fds[0]) >= 0, "sd_bus_set_fd");
-        Check(sd_bus_start(bus) >= 0, "sd_bus_start");
+        Check(quiet.Result() >= 0, "quiet bus");
         devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
         Check(devNull >= 0, "open /dev/null");
         // Whether this connection lets a message carry descriptors ('h'); asked once, not assumed.
-        sd_bus_message* probe = NewSignal();
-        fdsAllowed = sd_bus_message_append_basic(probe, 'h', &devNull) >= 0;
-        sd_bus_message_unref(probe);
+        const DbusHelper::Message probe(NewSignal());
+        fdsAllowed = sd_bus_message_append_basic(probe.get(), 'h', &devNull) >= 0;
     }
-    ~MessageFactory() {
-        sd_bus_close_unref(bus);
-        close(other);
-        close(devNull);
-    }
+    ~MessageFactory() { close(devNull); }
     MessageFactory(const MessageFactory&) = delete;
     MessageFactory& operator=(const MessageFactory&) = delete;
 
@@ -51,8 +43,7 @@ class MessageFactory {
     sd_bus_message* Signal(const std::function<void(sd_bus_message*)>& fill) {
         sd_bus_message* m = NewSignal();
         fill(m);
-        Check(sd_bus_message_seal(m, ++cookie, 0) >= 0, "seal");
-        Check(sd_bus_message_rewind(m, 1) >= 0, "rewind");
+        Check(quiet.SealForReading(m) >= 0, "seal");
         return m;
     }
 
@@ -62,17 +53,15 @@ class MessageFactory {
   private:
     sd_bus_message* NewSignal() {
         sd_bus_message* m = nullptr;
-        Check(sd_bus_message_new_signal(bus, &m, "/com/quorbel/fuzz", "org.freedesktop.DBus.Properties",
-                                        "PropertiesChanged") >= 0,
+        Check(sd_bus_message_new_signal(quiet.Get(), &m, "/com/quorbel/fuzz",
+                                        "org.freedesktop.DBus.Properties", "PropertiesChanged") >= 0,
               "new signal");
         return m;
     }
 
-    sd_bus* bus = nullptr;
-    int other = -1;
+    BusKit::QuietBus quiet;
     int devNull = -1;
     bool fdsAllowed = false;
-    uint64_t cookie = 0;
 };
 
 // One for the process: a connection per input would cost more than the reading under test.
@@ -81,13 +70,11 @@ inline MessageFactory& Factory() {
     return *factory;
 }
 
-// Unrefs a message at the end of a scope.
+// Owns a message to the end of a scope.
 struct MessageRef {
-    explicit MessageRef(sd_bus_message* message) : m(message) {}
-    ~MessageRef() { sd_bus_message_unref(m); }
-    MessageRef(const MessageRef&) = delete;
-    MessageRef& operator=(const MessageRef&) = delete;
-    sd_bus_message* m;
+    explicit MessageRef(sd_bus_message* message) : owner(message), m(message) {}
+    DbusHelper::Message owner;
+    sd_bus_message* const m;
 };
 
 // ------------------------------------------------------------------------------------------------------

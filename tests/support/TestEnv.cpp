@@ -1,5 +1,7 @@
 #include "test_support/TestEnv.h"
 
+#include "test_support/BusKit.h"
+
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -55,19 +57,50 @@ void SetStubExitStatus(const std::string& tool, int status) {
     WriteFile(HarnessDir() + "/stubs/" + tool + ".rc", std::to_string(status) + "\n");
 }
 
+namespace {
+
+int CallV(Bus bus, const char* destination, const char* path, const char* interface, const char* member,
+          DbusHelper::Message* reply, const char* types, va_list ap) {
+    const auto kind = bus == Bus::System ? BusKit::BusKind::System : BusKit::BusKind::User;
+    DbusHelper::Reader keep;
+    if (reply != nullptr)
+        keep = [reply](sd_bus_message* m) {
+            reply->reset(sd_bus_message_ref(m));
+            return 0;
+        };
+    return BusKit::Call(
+        kind, destination, path, interface, member,
+        [types, ap](sd_bus_message* m) {
+            va_list args;
+            va_copy(args, ap);
+            const int r = sd_bus_message_appendv(m, types, args);
+            va_end(args);
+            return r;
+        },
+        keep);
+}
+
+}  // namespace
+
 int CallMethod(Bus bus, const char* destination, const char* path, const char* interface, const char* member,
                sd_bus_message** reply, const char* types, ...) {
-    sd_bus* b = nullptr;
-    int r = bus == Bus::System ? sd_bus_open_system(&b) : sd_bus_open_user(&b);
-    if (r < 0)
-        return r;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    DbusHelper::Message kept;
     va_list ap;
     va_start(ap, types);
-    r = sd_bus_call_methodv(b, destination, path, interface, member, &error, reply, types, ap);
+    const int r =
+        CallV(bus, destination, path, interface, member, reply != nullptr ? &kept : nullptr, types, ap);
     va_end(ap);
-    sd_bus_error_free(&error);
-    sd_bus_flush_close_unref(b);
+    if (reply != nullptr)
+        *reply = kept.release();
+    return r;
+}
+
+int CallForReply(Bus bus, const char* destination, const char* path, const char* interface,
+                 const char* member, DbusHelper::Message& reply, const char* types, ...) {
+    va_list ap;
+    va_start(ap, types);
+    const int r = CallV(bus, destination, path, interface, member, &reply, types, ap);
+    va_end(ap);
     return r;
 }
 

@@ -14,6 +14,7 @@
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "clients/SettingsOperations.h"
 #include "logging/Log.h"
+#include "test_support/BusKit.h"
 #include "test_support/OperationLines.h"
 #include "test_support/TestEnv.h"
 
@@ -67,23 +68,23 @@ void ExpectEachFailsWithItsLine(const std::vector<Operation>& operations) {
 
 TEST(AbsentPeers, TheHarnessRunsWithoutThem) {
     ASSERT_TRUE(TestSupport::InHarness());
-    sd_bus_message* reply = nullptr;
     for (const char* name : {Settingsd::kService, Networkd::kService, Pylond::kService}) {
+        DbusHelper::Message reply;
         ASSERT_GE(
-            TestSupport::CallMethod(TestSupport::Bus::User, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                    "org.freedesktop.DBus", "NameHasOwner", &reply, "s", name),
+            TestSupport::CallForReply(TestSupport::Bus::User, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                      "org.freedesktop.DBus", "NameHasOwner", reply, "s", name),
             0);
         int owned = 1;
-        sd_bus_message_read(reply, "b", &owned);
-        sd_bus_message_unref(reply);
+        sd_bus_message_read(reply.get(), "b", &owned);
         EXPECT_FALSE(owned) << name;
     }
 }
 
 TEST(AbsentPeers, ListeningNeedsNoPeer) {
     // subscriptions name the peers' well-known names; they wait for the peers to appear
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     {
         Logging::Capture capture;
         SettingsDaemonDbusHandler settings(loop);
@@ -94,7 +95,6 @@ TEST(AbsentPeers, ListeningNeedsNoPeer) {
         EXPECT_EQ(power.Listen(), 0);
         EXPECT_TRUE(capture.Lines().empty());
     }
-    sd_event_unref(loop);
 }
 
 TEST(AbsentSettingsDaemon, EveryReaderReturnsItsSafeDefaultAndLogsTwice) {

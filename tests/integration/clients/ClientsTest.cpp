@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "SimControl.h"
 #include "clients/NetworkDaemonDbusHandler.h"
 #include "clients/NetworkOperations.h"
 #include "clients/PylonDaemonDbusHandler.h"
@@ -15,7 +14,9 @@
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "clients/SettingsOperations.h"
 #include "logging/Log.h"
+#include "test_support/BusKit.h"
 #include "test_support/LoopHelpers.h"
+#include "test_support/SimControl.h"
 #include "test_support/TestEnv.h"
 
 using Networkd::NetworkDaemonDbusHandler;
@@ -49,15 +50,14 @@ T Value(const TypedPropertyMap& map, const std::string& key, const std::string& 
 
 // The calls dbusmock recorded for `method` on `path`: how many.
 size_t CallsOf(const char* destination, const char* path, const char* method) {
-    sd_bus_message* reply = nullptr;
-    if (TestSupport::CallMethod(TestSupport::Bus::User, destination, path, kMock, "GetMethodCalls", &reply,
-                                "s", method) < 0)
+    DbusHelper::Message reply;
+    if (TestSupport::CallForReply(TestSupport::Bus::User, destination, path, kMock, "GetMethodCalls", reply,
+                                  "s", method) < 0)
         return 0;
     size_t n = 0;
-    sd_bus_message_enter_container(reply, 'a', "(tav)");
-    while (sd_bus_message_skip(reply, "(tav)") > 0)
+    sd_bus_message_enter_container(reply.get(), 'a', "(tav)");
+    while (sd_bus_message_skip(reply.get(), "(tav)") > 0)
         ++n;
-    sd_bus_message_unref(reply);
     return n;
 }
 
@@ -111,14 +111,14 @@ class Clients : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness());
         ASSERT_GE(ResetSettings(), 0);
-        ASSERT_GE(sd_event_new(&loop), 0);
+        owned = BusKit::NewLoop();
+        ASSERT_TRUE(owned);
+        loop = owned.get();
     }
-    void TearDown() override {
-        ResetSettings();
-        sd_event_unref(loop);
-    }
+    void TearDown() override { ResetSettings(); }
     bool PumpUntil(const std::function<bool()>& condition) { return BusTest::PumpUntil(loop, condition); }
     void PumpFor(int ms) { BusTest::PumpFor(loop, std::chrono::milliseconds(ms)); }
+    DbusHelper::Event owned;
     sd_event* loop = nullptr;
 };
 

@@ -17,6 +17,7 @@
 #include "clients/PylonDaemonDbusHandler.h"
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "loop/CBoundary.h"
+#include "test_support/BusKit.h"
 
 namespace {
 
@@ -67,9 +68,10 @@ int OnStdin(sd_event_source* source, int fd, uint32_t, void*) {
 
 int main() {
     Logging::SetStderrEcho(true);
-    sd_event* loop = nullptr;
-    if (sd_event_new(&loop) < 0)
+    const auto owned = BusKit::NewLoop();
+    if (!owned)
         return 1;
+    sd_event* loop = owned.get();
     sd_event_add_io(loop, nullptr, STDIN_FILENO, EPOLLIN | EPOLLHUP, &OnStdin, nullptr);
     {
         Settingsd::SettingsDaemonDbusHandler settings(loop);
@@ -87,6 +89,5 @@ int main() {
         Say("ready");
         sd_event_loop(loop);
     }
-    sd_event_unref(loop);
     return 0;
 }

@@ -9,7 +9,9 @@
 #include "dbus_helper/DbusConnector.h"
 #include "dbus_helper/SdbusUtils.h"
 #include "logging/Log.h"
+#include "test_support/BusKit.h"
 #include "test_support/LoopHelpers.h"
+#include "test_support/SimControl.h"
 #include "test_support/TestEnv.h"
 
 using TestSupport::Bus;
@@ -46,48 +48,17 @@ struct Received {
     }
 };
 
-int SetProp(const char* path, const char* name, const char* type, ...) {
-    // org.freedesktop.DBus.Mock.SetProp(s name, v value) on the simulated settings daemon
-    sd_bus* bus = nullptr;
-    int r = sd_bus_open_user(&bus);
-    if (r < 0)
-        return r;
-    sd_bus_message* m = nullptr;
-    r = sd_bus_message_new_method_call(bus, &m, kSettings, path, "org.freedesktop.DBus.Mock", "SetProp");
-    if (r >= 0)
-        r = sd_bus_message_append(m, "s", name);
-    if (r >= 0)
-        r = sd_bus_message_open_container(m, 'v', type);
-    va_list ap;
-    va_start(ap, type);
-    if (r >= 0)
-        r = sd_bus_message_appendv(m, type, ap);
-    va_end(ap);
-    if (r >= 0)
-        r = sd_bus_message_close_container(m);
-    if (r >= 0)
-        r = sd_bus_call(bus, m, 0, nullptr, nullptr);
-    sd_bus_message_unref(m);
-    sd_bus_flush_close_unref(bus);
-    return r;
-}
-
-int ResetSettings() {
-    return TestSupport::CallMethod(Bus::User, kSettings, "/com/quorbel/common/Settings1", kSettingsIface,
-                                   "ResetToDefaults", nullptr, "b", 1);
-}
-
 class WithLoop : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(TestSupport::InHarness());
-        ASSERT_GE(ResetSettings(), 0);
-        ASSERT_GE(sd_event_new(&loop), 0);
+        ASSERT_GE(SimControl::ResetSettings(), 0);
+        owned = BusKit::NewLoop();
+        ASSERT_TRUE(owned);
+        loop = owned.get();
     }
-    void TearDown() override {
-        ResetSettings();
-        sd_event_unref(loop);
-    }
+    void TearDown() override { SimControl::ResetSettings(); }
+    DbusHelper::Event owned;
     sd_event* loop = nullptr;
 };
 
@@ -102,7 +73,7 @@ TEST_F(DbusListenerTest, ReceivesPropertiesChangedFromTheSettingsSimulation) {
     ASSERT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
                                     &Received::OnSignal, &received),
               0);
-    ASSERT_GE(SetProp(kBluetooth, "autoScanRateSecs", "u", 60u), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "autoScanRateSecs", "u", 60u), 0);
     ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
     EXPECT_EQ(received.paths[0], kBluetooth);
     ASSERT_EQ(received.changes[0].size(), 1u);
@@ -117,8 +88,8 @@ TEST_F(DbusListenerTest, APathLimitsTheSubscriptionToOneObject) {
     ASSERT_EQ(listener.ListenSignal(kSettings, kDisplay, "org.freedesktop.DBus.Properties",
                                     "PropertiesChanged", &Received::OnSignal, &received),
               0);
-    ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
-    ASSERT_GE(SetProp(kDisplay, "brightness", "u", 10u), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "powered", "b", 0), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kDisplay, "brightness", "u", 10u), 0);
     ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
     BusTest::PumpFor(loop, std::chrono::milliseconds(100));
     ASSERT_EQ(received.paths.size(), 1u);
@@ -133,19 +104,19 @@ TEST_F(DbusListenerTest, OtherSendersOfTheSameSignalAreNotDelivered) {
                                     &Received::OnSignal, &received),
               0);
     // a stranger emits the very same signal from the very same path
-    sd_bus* stranger = nullptr;
-    ASSERT_GE(sd_bus_open_user(&stranger), 0);
+    const auto owned = BusKit::OpenBus(BusKit::BusKind::User);
+    ASSERT_TRUE(owned);
+    sd_bus* stranger = owned.get();
     ASSERT_GE(sd_bus_emit_signal(stranger, kBluetooth, "org.freedesktop.DBus.Properties", "PropertiesChanged",
                                  "sa{sv}as", kSettingsIface, 1, "powered", "b", 0, 0),
               0);
     sd_bus_flush(stranger);
     // then the real sender
-    ASSERT_GE(SetProp(kBluetooth, "discoverable", "b", 0), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "discoverable", "b", 0), 0);
     ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
     BusTest::PumpFor(loop, std::chrono::milliseconds(100));
     ASSERT_EQ(received.changes.size(), 1u);
     EXPECT_EQ(received.changes[0].count("discoverable"), 1u);
-    sd_bus_flush_close_unref(stranger);
 }
 
 TEST_F(DbusListenerTest, SignalsKeepArrivingWhenTheSenderRestartsUnderANewUniqueName) {
@@ -163,15 +134,15 @@ TEST_F(DbusListenerTest, SignalsKeepArrivingWhenTheSenderRestartsUnderANewUnique
             &senders),
         0);
     auto runPeer = [&](std::string& unique) {
-        sd_bus* peer = nullptr;
-        ASSERT_GE(sd_bus_open_user(&peer), 0);
+        const auto owned = BusKit::OpenBus(BusKit::BusKind::User);
+        ASSERT_TRUE(owned);
+        sd_bus* peer = owned.get();
         ASSERT_GE(sd_bus_request_name(peer, kName, 0), 0);
         const char* id = nullptr;
         ASSERT_GE(sd_bus_get_unique_name(peer, &id), 0);
         unique = id;
         ASSERT_GE(sd_bus_emit_signal(peer, "/", "com.quorbel.test.Restarting1", "Tick", ""), 0);
         sd_bus_flush(peer);
-        sd_bus_flush_close_unref(peer);
     };
     std::string first;
     std::string second;
@@ -197,8 +168,8 @@ TEST_F(DbusListenerTest, AnExceptionInACallbackIsLoggedAndTheListenerGoesOn) {
                   &calls),
               0);
     Logging::Capture capture;
-    ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
-    ASSERT_GE(SetProp(kBluetooth, "powered", "b", 1), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "powered", "b", 0), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "powered", "b", 1), 0);
     ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return calls == 2; }));
     EXPECT_EQ(capture.CountContaining("signal org.freedesktop.DBus.Properties.PropertiesChanged from "
                                       "com.quorbel.common.Settings1: exception stopped at the C boundary"),
@@ -231,7 +202,7 @@ TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
     listener.Disconnect();
     EXPECT_FALSE(listener.IsConnected());
     EXPECT_EQ(listener.SubscriptionCount(), 0u);
-    ASSERT_GE(SetProp(kBluetooth, "powered", "b", 0), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "powered", "b", 0), 0);
     BusTest::PumpFor(loop, std::chrono::milliseconds(150));
     EXPECT_TRUE(received.changes.empty());
     listener.Disconnect();  // twice is harmless
@@ -239,7 +210,7 @@ TEST_F(DbusListenerTest, DisconnectEndsDeliveryAndAllowsANewConnect) {
     ASSERT_EQ(listener.ListenSignal(kSettings, "", "org.freedesktop.DBus.Properties", "PropertiesChanged",
                                     &Received::OnSignal, &received),
               0);
-    ASSERT_GE(SetProp(kBluetooth, "powered", "b", 1), 0);
+    ASSERT_GE(SimControl::SetProp(kSettings, kBluetooth, "powered", "b", 1), 0);
     ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !received.changes.empty(); }));
 }
 
@@ -297,8 +268,9 @@ TEST_F(PropertyCalls, SetPropertyThenGetPropertyRoundTrips) {
 }
 
 TEST_F(PropertyCalls, AGivenBusIsUsedAndLeftOpen) {
-    sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_open_user(&bus), 0);
+    const auto owned = BusKit::OpenBus(BusKit::BusKind::User);
+    ASSERT_TRUE(owned);
+    sd_bus* bus = owned.get();
     std::string error;
     bool powered = false;
     EXPECT_EQ(sdbus_utils::GetProperty(bus, kSettings, kBluetooth, kSettingsIface, "powered", powered, error),
@@ -308,7 +280,6 @@ TEST_F(PropertyCalls, AGivenBusIsUsedAndLeftOpen) {
     sdbus_utils::TypedPropertyMap map;
     EXPECT_EQ(sdbus_utils::GetAllProperties(bus, kNetwork, kNetworkPath, kWiFi, map, error), 0);
     EXPECT_GT(sd_bus_is_open(bus), 0);
-    sd_bus_flush_close_unref(bus);
 }
 
 TEST_F(PropertyCalls, GetAllPropertiesFillsATypedMap) {

@@ -15,6 +15,7 @@
 #include "dbus_helper/SdbusUtils.h"
 #include "dbus_helper/Vtable.h"
 #include "logging/Log.h"
+#include "test_support/BusKit.h"
 #include "test_support/LoopHelpers.h"
 #include "test_support/TestEnv.h"
 
@@ -97,13 +98,12 @@ std::pair<int, std::string> Shell(const std::string& command) {
 }
 
 bool NameHasOwner(Bus bus, const char* name) {
-    sd_bus_message* reply = nullptr;
-    if (TestSupport::CallMethod(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                "NameHasOwner", &reply, "s", name) < 0)
+    DbusHelper::Message reply;
+    if (TestSupport::CallForReply(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                  "org.freedesktop.DBus", "NameHasOwner", reply, "s", name) < 0)
         return false;
     int has = 0;
-    sd_bus_message_read(reply, "b", &has);
-    sd_bus_message_unref(reply);
+    sd_bus_message_read(reply.get(), "b", &has);
     return has != 0;
 }
 
@@ -221,11 +221,10 @@ TEST(DbusServer, ObjectServesPropertiesAndMethodsToAnotherConnection) {
     ASSERT_EQ(sdbus_utils::SetProperty(nullptr, kName, kPath, kIface, "Count", int32_t{40}, error), 0)
         << error;
     EXPECT_EQ(served.thread.Run([&] { return served.counter->count; }), 40);
-    sd_bus_message* reply = nullptr;
-    ASSERT_GE(TestSupport::CallMethod(Bus::User, kName, kPath, kIface, "Add", &reply, "i", 2), 0);
+    DbusHelper::Message reply;
+    ASSERT_GE(TestSupport::CallForReply(Bus::User, kName, kPath, kIface, "Add", reply, "i", 2), 0);
     int32_t sum = 0;
-    ASSERT_GE(sd_bus_message_read(reply, "i", &sum), 0);
-    sd_bus_message_unref(reply);
+    ASSERT_GE(sd_bus_message_read(reply.get(), "i", &sum), 0);
     EXPECT_EQ(sum, 42);
     std::string label;
     ASSERT_EQ(sdbus_utils::GetProperty(nullptr, kName, kPath, kIface, "Label", label, error), 0) << error;
@@ -269,8 +268,9 @@ TEST(DbusServer, BusctlSeesPropertiesMethodAndSignal) {
 TEST(DbusServer, SignalsReachAListenerOnAnotherConnection) {
     Served served;
     ASSERT_EQ(served.startResult, 0);
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     {
         DbusHelper::DbusListener listener(loop);
         ASSERT_EQ(listener.Connect(), 0);
@@ -291,7 +291,6 @@ TEST(DbusServer, SignalsReachAListenerOnAnotherConnection) {
         ASSERT_TRUE(BusTest::PumpUntil(loop, [&] { return !seen.empty(); }));
         EXPECT_EQ(seen, std::vector<int32_t>{5});
     }
-    sd_event_unref(loop);
 }
 
 TEST(DbusServer, ExceptionsInCallbacksBecomeErrorRepliesAndLogLines) {
@@ -299,16 +298,18 @@ TEST(DbusServer, ExceptionsInCallbacksBecomeErrorRepliesAndLogLines) {
     ASSERT_EQ(served.startResult, 0);
     served.thread.Run([&] { served.counter->broken = true; });
     Logging::Capture capture;
-    sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_open_user(&bus), 0);
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    EXPECT_LT(sd_bus_call_method(bus, kName, kPath, kIface, "Explode", &error, nullptr, ""), 0);
-    EXPECT_TRUE(sd_bus_error_is_set(&error));
-    sd_bus_error_free(&error);
-    std::string text;
     std::string errorText;
-    EXPECT_EQ(sdbus_utils::GetProperty(bus, kName, kPath, kIface, "Broken", text, errorText), -ERANGE);
-    sd_bus_flush_close_unref(bus);
+    {
+        const auto bus = BusKit::OpenBus(BusKit::BusKind::User);
+        ASSERT_TRUE(bus);
+        DbusHelper::Error error;
+        EXPECT_LT(sd_bus_call_method(bus.get(), kName, kPath, kIface, "Explode", error.Get(), nullptr, ""),
+                  0);
+        EXPECT_TRUE(error.IsSet());
+        std::string text;
+        EXPECT_EQ(sdbus_utils::GetProperty(bus.get(), kName, kPath, kIface, "Broken", text, errorText),
+                  -ERANGE);
+    }
     EXPECT_TRUE(capture.Contains(
         std::string(kIface) + " method call: exception stopped at the C boundary: boom", LOG_ERR));
     EXPECT_TRUE(capture.Contains(
@@ -321,11 +322,12 @@ TEST(DbusServer, ExceptionsInCallbacksBecomeErrorRepliesAndLogLines) {
 namespace {
 // Object paths and interface names of GetManagedObjects at `path`, as "path:iface;iface;" text.
 int ManagedObjects(const char* path, std::string& text) {
-    sd_bus_message* reply = nullptr;
-    const int r = TestSupport::CallMethod(Bus::User, kName, path, "org.freedesktop.DBus.ObjectManager",
-                                          "GetManagedObjects", &reply, "");
+    DbusHelper::Message kept;
+    const int r = TestSupport::CallForReply(Bus::User, kName, path, "org.freedesktop.DBus.ObjectManager",
+                                            "GetManagedObjects", kept, "");
     if (r < 0)
         return r;
+    sd_bus_message* const reply = kept.get();
     sd_bus_message_enter_container(reply, 'a', "{oa{sa{sv}}}");
     while (sd_bus_message_enter_container(reply, 'e', "oa{sa{sv}}") > 0) {
         const char* object = nullptr;
@@ -342,7 +344,6 @@ int ManagedObjects(const char* path, std::string& text) {
         sd_bus_message_exit_container(reply);
         sd_bus_message_exit_container(reply);
     }
-    sd_bus_message_unref(reply);
     return r;
 }
 }  // namespace
@@ -382,8 +383,9 @@ TEST(DbusServer, AnObjectIsRegisteredOnce) {
 TEST(DbusObject, WorkerThreadsHandEmissionsToTheBusThread) {
     Served served;
     ASSERT_EQ(served.startResult, 0);
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     {
         DbusHelper::DbusListener listener(loop);
         ASSERT_EQ(listener.Connect(), 0);
@@ -416,7 +418,6 @@ TEST(DbusObject, WorkerThreadsHandEmissionsToTheBusThread) {
         BusTest::PumpFor(loop, std::chrono::milliseconds(100));
         EXPECT_EQ(seen, std::vector<int32_t>{2});
     }
-    sd_event_unref(loop);
 }
 
 TEST(DbusObject, EmissionsNeedARegisteredObject) {
@@ -432,8 +433,9 @@ TEST(DbusObject, EmissionsNeedARegisteredObject) {
 TEST(DbusObject, PropertiesChangedCarriesTheNamedProperties) {
     Served served;
     ASSERT_EQ(served.startResult, 0);
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     {
         DbusHelper::DbusListener listener(loop);
         ASSERT_EQ(listener.Connect(), 0);
@@ -469,5 +471,4 @@ TEST(DbusObject, PropertiesChangedCarriesTheNamedProperties) {
         EXPECT_EQ(std::any_cast<int32_t>(changed.at("Count").second), 9);
         EXPECT_EQ(std::any_cast<std::string>(changed.at("Label").second), "counter");
     }
-    sd_event_unref(loop);
 }

@@ -18,6 +18,7 @@
 
 #include "BluezSimControl.h"
 #include "backend/TinybRadio.h"
+#include "dbus_helper/Call.h"
 #include "logging/Log.h"
 #include "remote_camera/KelpBleManager.h"
 #include "scanned_device/RemoteCamera.h"
@@ -45,46 +46,47 @@ void Check(int r, const char* what) {
 // org.bluez.Mock.AddLEDevice for a camera with its initial state and its profile (sim/kelp_camera.py).
 std::string AddCamera(const std::string& address, const std::string& name, const CameraState& state,
                       const Profile& profile) {
-    sd_bus* bus = nullptr;
-    Check(sd_bus_open_system(&bus), "bus");
-    sd_bus_message* m = nullptr;
-    Check(sd_bus_message_new_method_call(bus, &m, "org.bluez", "/", "org.bluez.Mock", "AddLEDevice"), "call");
-    Check(sd_bus_message_append(m, "ss", "hci0", address.c_str()), "args");
-    Check(sd_bus_message_open_container(m, 'a', "{sv}"), "props");
-    Check(sd_bus_message_append(m, "{sv}", "Name", "s", name.c_str()), "Name");
-    Check(sd_bus_message_append(m, "{sv}", "X-Camera", "b", 1), "X-Camera");
-    Check(sd_bus_message_append(m, "{sv}", "X-CameraState", "a{sv}", 3, "power", "s", state.power.c_str(),
-                                "wifi", "s", state.wifi.c_str(), "band", "s", state.band.c_str()),
-          "X-CameraState");
-    Check(sd_bus_message_open_container(m, 'e', "sv"), "profile");
-    Check(sd_bus_message_append(m, "s", "X-Camera-Profile"), "profile");
-    Check(sd_bus_message_open_container(m, 'v', "a{sv}"), "profile");
-    Check(sd_bus_message_open_container(m, 'a', "{sv}"), "profile");
-    for (const auto& [key, value] : profile) {
-        if (const auto* number = std::get_if<uint32_t>(&value))
-            Check(sd_bus_message_append(m, "{sv}", key.c_str(), "u", *number), key.c_str());
-        else
-            Check(sd_bus_message_append(m, "{sv}", key.c_str(), "s", std::get<std::string>(value).c_str()),
-                  key.c_str());
-    }
-    for (int level = 0; level < 3; ++level)
-        Check(sd_bus_message_close_container(m), "profile");
-    Check(sd_bus_message_close_container(m), "props");
-
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* reply = nullptr;
-    const int r = sd_bus_call(bus, m, 10 * 1000 * 1000, &error, &reply);
+    const auto append = [&](sd_bus_message* m) {
+        Check(sd_bus_message_append(m, "ss", "hci0", address.c_str()), "args");
+        Check(sd_bus_message_open_container(m, 'a', "{sv}"), "props");
+        Check(sd_bus_message_append(m, "{sv}", "Name", "s", name.c_str()), "Name");
+        Check(sd_bus_message_append(m, "{sv}", "X-Camera", "b", 1), "X-Camera");
+        Check(sd_bus_message_append(m, "{sv}", "X-CameraState", "a{sv}", 3, "power", "s", state.power.c_str(),
+                                    "wifi", "s", state.wifi.c_str(), "band", "s", state.band.c_str()),
+              "X-CameraState");
+        Check(sd_bus_message_open_container(m, 'e', "sv"), "profile");
+        Check(sd_bus_message_append(m, "s", "X-Camera-Profile"), "profile");
+        Check(sd_bus_message_open_container(m, 'v', "a{sv}"), "profile");
+        Check(sd_bus_message_open_container(m, 'a', "{sv}"), "profile");
+        for (const auto& [key, value] : profile) {
+            if (const auto* number = std::get_if<uint32_t>(&value))
+                Check(sd_bus_message_append(m, "{sv}", key.c_str(), "u", *number), key.c_str());
+            else
+                Check(
+                    sd_bus_message_append(m, "{sv}", key.c_str(), "s", std::get<std::string>(value).c_str()),
+                    key.c_str());
+        }
+        for (int level = 0; level < 3; ++level)
+            Check(sd_bus_message_close_container(m), "profile");
+        Check(sd_bus_message_close_container(m), "props");
+        return 0;
+    };
     std::string path;
-    if (r >= 0) {
+    const auto read = [&](sd_bus_message* reply) {
         const char* object = nullptr;
         if (sd_bus_message_read(reply, "o", &object) >= 0)
             path = object;
-    }
-    const std::string message = error.message ? error.message : "";
-    sd_bus_error_free(&error);
-    sd_bus_message_unref(reply);
-    sd_bus_message_unref(m);
-    sd_bus_flush_close_unref(bus);
+        return 0;
+    };
+    DbusHelper::CallFailure failure;
+    const int r =
+        DbusHelper::CallMethod(nullptr, DbusHelper::BusKind::System, "org.bluez", "/", "org.bluez.Mock",
+                               "AddLEDevice", append, read, failure, 10 * 1000 * 1000);
+    if (failure.step == DbusHelper::CallFailure::Step::Open)
+        Check(r, "bus");
+    if (failure.step == DbusHelper::CallFailure::Step::Build)
+        Check(r, "call");
+    const std::string message = failure.message.value_or("");
     if (r < 0)
         throw std::runtime_error("AddLEDevice failed: " + message);
     return path;

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "loop/Queue.h"
+#include "test_support/BusKit.h"
 
 namespace BusTest {
 
@@ -22,23 +23,23 @@ class LoopThread {
         auto ready = std::make_shared<std::promise<void>>();
         auto started = ready->get_future();
         thread = std::thread([this, ready] {
-            sd_event_new(&loop);
-            queue = std::make_unique<Loop::Queue>(loop);
+            loop = BusKit::NewLoop();
+            queue = std::make_unique<Loop::Queue>(loop.get());
             ready->set_value();
-            sd_event_loop(loop);
+            sd_event_loop(loop.get());
             queue.reset();
-            sd_event_unref(loop);
+            loop.reset();
         });
         started.wait();
     }
     ~LoopThread() {
-        Run([this] { sd_event_exit(loop, 0); });
+        Run([this] { sd_event_exit(loop.get(), 0); });
         thread.join();
     }
     LoopThread(const LoopThread&) = delete;
     LoopThread& operator=(const LoopThread&) = delete;
 
-    sd_event* Loop() const { return loop; }
+    sd_event* Loop() const { return loop.get(); }
 
     // Runs `work` on the loop thread and returns its result.
     template <typename Work>
@@ -51,7 +52,7 @@ class LoopThread {
     }
 
   private:
-    sd_event* loop = nullptr;
+    DbusHelper::Event loop;
     std::unique_ptr<Loop::Queue> queue;
     std::thread thread;
 };

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "dbus_helper/Handles.h"
+
 namespace TestSupport {
 
 // True when the test runs inside the harness (TESTENV_DIR is set).
@@ -29,6 +31,9 @@ enum class Bus { System, User };
 // Returns the sd-bus result; `reply` (when given) receives the reply, which the caller unrefs.
 int CallMethod(Bus bus, const char* destination, const char* path, const char* interface, const char* member,
                sd_bus_message** reply, const char* types, ...);
+// The same, the reply held by `reply`.
+int CallForReply(Bus bus, const char* destination, const char* path, const char* interface,
+                 const char* member, DbusHelper::Message& reply, const char* types, ...);
 
 // Polls `condition` every 5 ms until it holds or `timeout` passes.
 template <typename Condition>

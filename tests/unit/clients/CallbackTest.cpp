@@ -28,8 +28,8 @@ constexpr const char* kPowerChanged =
     "sd_bus_error*)";
 
 // PropertiesChanged("com.quorbel.x", {name: value...}, []) from `path`.
-sd_bus_message* Changed(MessageFactory& factory, const char* path,
-                        const std::function<void(sd_bus_message*)>& entries) {
+DbusHelper::Message Changed(MessageFactory& factory, const char* path,
+                            const std::function<void(sd_bus_message*)>& entries) {
     return factory.Signal(
         [&](sd_bus_message* m) {
             sd_bus_message_append(m, "s", "com.quorbel.x");
@@ -58,13 +58,13 @@ TEST(SettingsPropertiesChanged, ABluetoothChangeReachesItsSectionWithTheChangedK
     Sink display;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
     handler.SectionChanged("display").connect(sigc::mem_fun(display, &Sink::operator()));
-    sd_bus_message* m = Changed(factory, "/com/quorbel/common/Settings1/bluetooth", [](sd_bus_message* m) {
-        sd_bus_message_append(m, "{sv}", "advertSchema", "u", 4u);
-        sd_bus_message_append(m, "{sv}", "powered", "b", 0);
-    });
+    DbusHelper::Message m =
+        Changed(factory, "/com/quorbel/common/Settings1/bluetooth", [](sd_bus_message* m) {
+            sd_bus_message_append(m, "{sv}", "advertSchema", "u", 4u);
+            sd_bus_message_append(m, "{sv}", "powered", "b", 0);
+        });
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), 0);
     ASSERT_EQ(bluetooth.maps.size(), 1u);
     EXPECT_TRUE(display.maps.empty());
     const auto& map = bluetooth.maps[0];
@@ -82,11 +82,10 @@ TEST(SettingsPropertiesChanged, APathEndingInASlashIsRejectedAsMalformed) {
     Sink bluetooth;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
     // "/" is the one valid object path that ends in '/'
-    sd_bus_message* m =
+    DbusHelper::Message m =
         Changed(factory, "/", [](sd_bus_message* m) { sd_bus_message_append(m, "{sv}", "powered", "b", 0); });
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), -1);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), -1);
     ASSERT_EQ(capture.Lines().size(), 1u);
     EXPECT_EQ(capture.Lines()[0].text, std::string(kSettingsChanged) + ": Mallformed path string");
     EXPECT_EQ(capture.Lines()[0].priority, LOG_ERR);
@@ -96,10 +95,9 @@ TEST(SettingsPropertiesChanged, APathEndingInASlashIsRejectedAsMalformed) {
 TEST(SettingsPropertiesChanged, AMessageWithoutPathFailsToFindTheSlash) {
     MessageFactory factory;
     Settingsd::SettingsDaemonDbusHandler handler(nullptr);
-    sd_bus_message* m = factory.Return([](sd_bus_message* m) { sd_bus_message_append(m, "s", "x"); });
+    DbusHelper::Message m = factory.Return([](sd_bus_message* m) { sd_bus_message_append(m, "s", "x"); });
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), -1);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), -1);
     EXPECT_EQ(capture.Texts(),
               std::vector<std::string>{std::string(kSettingsChanged) + ": Failed to find / in path"});
 }
@@ -110,12 +108,11 @@ TEST(SettingsPropertiesChanged, ASectionWithoutTableEntryIsDroppedSilently) {
     std::vector<Sink> sinks(Settingsd::kSections.size());
     for (size_t i = 0; i < sinks.size(); ++i)
         handler.SectionChanged(Settingsd::kSections[i]).connect(sigc::mem_fun(sinks[i], &Sink::operator()));
-    sd_bus_message* m =
+    DbusHelper::Message m =
         Changed(factory, "/com/quorbel/common/Settings1/nosuchsection",
                 [](sd_bus_message* m) { sd_bus_message_append(m, "{sv}", "powered", "b", 0); });
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), 0);
     EXPECT_TRUE(capture.Lines().empty());
     for (const auto& sink : sinks)
         EXPECT_TRUE(sink.maps.empty());
@@ -124,11 +121,10 @@ TEST(SettingsPropertiesChanged, ASectionWithoutTableEntryIsDroppedSilently) {
 TEST(SettingsPropertiesChanged, ABodyWithoutInterfaceNameFailsToSkipIt) {
     MessageFactory factory;
     Settingsd::SettingsDaemonDbusHandler handler(nullptr);
-    sd_bus_message* m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "i", 3); },
-                                       "/com/quorbel/common/Settings1/bluetooth");
+    DbusHelper::Message m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "i", 3); },
+                                           "/com/quorbel/common/Settings1/bluetooth");
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), -1);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), -1);
     EXPECT_EQ(capture.Texts(),
               std::vector<std::string>{std::string(kSettingsChanged) + ": Failed to skip interface string"});
 }
@@ -138,12 +134,11 @@ TEST(SettingsPropertiesChanged, ABodyWithoutDictionaryFailsToParse) {
     Settingsd::SettingsDaemonDbusHandler handler(nullptr);
     Sink bluetooth;
     handler.SectionChanged("bluetooth").connect(sigc::mem_fun(bluetooth, &Sink::operator()));
-    sd_bus_message* m =
+    DbusHelper::Message m =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "ss", "iface", "x"); },
                        "/com/quorbel/common/Settings1/bluetooth");
     Logging::Capture capture;
-    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m, &handler, nullptr), -1);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Settingsd::SettingsDaemonDbusHandler::PropertiesChanged(m.get(), &handler, nullptr), -1);
     EXPECT_EQ(capture.Texts(), std::vector<std::string>{std::string(kSettingsChanged) +
                                                         ": ParsePropertiesWithType failed:-6"});
     EXPECT_TRUE(bluetooth.maps.empty());
@@ -166,13 +161,12 @@ TEST(NetworkPropertiesChanged, ChangesAreDeliveredWithTheirSignatures) {
     Networkd::NetworkDaemonDbusHandler handler(nullptr);
     Sink sink;
     handler.PropertiesChanged().connect(sigc::mem_fun(sink, &Sink::operator()));
-    sd_bus_message* m = Changed(factory, "/com/quorbel/Network1", [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, "/com/quorbel/Network1", [](sd_bus_message* m) {
         sd_bus_message_append(m, "{sv}", "IPAddress", "s", "10.0.0.5");
         sd_bus_message_append(m, "{sv}", "SSID", "s", "");
         sd_bus_message_append(m, "{sv}", "WiFiState", "u", 2u);
     });
-    EXPECT_EQ(Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(m.get(), &handler, nullptr), 0);
     ASSERT_EQ(sink.maps.size(), 1u);
     EXPECT_EQ(sink.maps[0].at("IPAddress").first, "s");
     EXPECT_EQ(std::any_cast<std::string>(sink.maps[0].at("IPAddress").second), "10.0.0.5");
@@ -186,16 +180,16 @@ TEST(NetworkPropertiesChanged, FailuresAreLoggedAndNothingIsDelivered) {
     Sink sink;
     handler.PropertiesChanged().connect(sigc::mem_fun(sink, &Sink::operator()));
     Logging::Capture capture;
-    sd_bus_message* noInterface =
+    DbusHelper::Message noInterface =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); });
-    EXPECT_LT(Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(noInterface, &handler, nullptr),
-              0);
-    sd_bus_message_unref(noInterface);
-    sd_bus_message* noDictionary =
+    EXPECT_LT(
+        Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(noInterface.get(), &handler, nullptr),
+        0);
+    DbusHelper::Message noDictionary =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "su", "x", 1u); });
-    EXPECT_EQ(Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(noDictionary, &handler, nullptr),
-              -1);
-    sd_bus_message_unref(noDictionary);
+    EXPECT_EQ(
+        Networkd::NetworkDaemonDbusHandler::NetworkPropertiesChanged(noDictionary.get(), &handler, nullptr),
+        -1);
     EXPECT_EQ(capture.Texts(), (std::vector<std::string>{
                                    std::string(kNetworkChanged) + ": Failed to skip interface string",
                                    std::string(kNetworkChanged) + ": ParsePropertiesWithType failed:-6"}));
@@ -221,13 +215,12 @@ TEST(PowerPropertiesChanged, BatteryChangesArriveAsIntAndArrayTypes) {
     Sink cooling;
     handler.PowerSignal().connect(sigc::mem_fun(power, &Sink::operator()));
     handler.CoolingSignal().connect(sigc::mem_fun(cooling, &Sink::operator()));
-    sd_bus_message* m = Changed(factory, "/com/quorbel/common/Pylon1/power", [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, "/com/quorbel/common/Pylon1/power", [](sd_bus_message* m) {
         sd_bus_message_append(m, "{sv}", "ActivePowerSource", "i", 1);
         sd_bus_message_append(m, "{sv}", "BatteryVoltages", "ai", 2, 17500, 16000);
         sd_bus_message_append(m, "{sv}", "BatteryTypes", "au", 1, 2u);
     });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(m.get(), &handler, nullptr), 0);
     ASSERT_EQ(power.maps.size(), 1u);
     EXPECT_TRUE(cooling.maps.empty());
     const auto& map = power.maps[0];
@@ -250,10 +243,9 @@ TEST(PowerPropertiesChanged, EachCallbackFeedsItsOwnSignal) {
     handler.CoolingSignal().connect(sigc::mem_fun(cooling, &Sink::operator()));
     handler.PowerSignal().connect(sigc::mem_fun(power, &Sink::operator()));
     auto call = [&](int (*callback)(sd_bus_message*, void*, sd_bus_error*)) {
-        sd_bus_message* m =
+        DbusHelper::Message m =
             Changed(factory, "/x", [](sd_bus_message* m) { sd_bus_message_append(m, "{sv}", "K", "i", 1); });
-        EXPECT_EQ(callback(m, &handler, nullptr), 0);
-        sd_bus_message_unref(m);
+        EXPECT_EQ(callback(m.get(), &handler, nullptr), 0);
     };
     call(&Pylond::PylonDaemonDbusHandler::ReelPropertiesChanged);
     call(&Pylond::PylonDaemonDbusHandler::ReelFirmwarePropertiesChanged);
@@ -271,14 +263,14 @@ TEST(PowerPropertiesChanged, FailuresAreLogged) {
     MessageFactory factory;
     Pylond::PylonDaemonDbusHandler handler(nullptr);
     Logging::Capture capture;
-    sd_bus_message* noInterface =
+    DbusHelper::Message noInterface =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); });
-    EXPECT_LT(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(noInterface, &handler, nullptr), 0);
-    sd_bus_message_unref(noInterface);
-    sd_bus_message* noDictionary =
+    EXPECT_LT(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(noInterface.get(), &handler, nullptr),
+              0);
+    DbusHelper::Message noDictionary =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "su", "x", 1u); });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(noDictionary, &handler, nullptr), -1);
-    sd_bus_message_unref(noDictionary);
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::PowerPropertiesChanged(noDictionary.get(), &handler, nullptr),
+              -1);
     EXPECT_EQ(capture.Texts(),
               (std::vector<std::string>{std::string(kPowerChanged) + ": Failed to skip interface string",
                                         std::string(kPowerChanged) + ": ParsePropertiesWithType failed:-6"}));
@@ -297,24 +289,20 @@ TEST(PylonSignals, VideoKeyAndObjectManagerSignalsAreForwarded) {
     handler.InterfacesAddedSignal().connect([&](const std::string& p) { added.push_back(p); });
     handler.InterfacesRemovedSignal().connect([&](const std::string& p) { removed.push_back(p); });
 
-    sd_bus_message* m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "u", 3u); });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::VideoStatusChangedHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    DbusHelper::Message m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "u", 3u); });
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::VideoStatusChangedHandler(m.get(), &handler, nullptr), 0);
     m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "iii", 4, 1, -2); });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::KeyPressEventHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::KeyPressEventHandler(m.get(), &handler, nullptr), 0);
     m = factory.Signal([](sd_bus_message* m) {
         sd_bus_message_append(m, "oa{sa{sv}}", "/com/quorbel/common/Pylon1/reel", 1,
                               "com.quorbel.common.Pylon1.reel", 1, "Connected", "b", 1);
     });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::InterfacesAddedHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::InterfacesAddedHandler(m.get(), &handler, nullptr), 0);
     m = factory.Signal([](sd_bus_message* m) {
         sd_bus_message_append(m, "oas", "/com/quorbel/common/Pylon1/reel", 1,
                               "com.quorbel.common.Pylon1.reel");
     });
-    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::InterfacesRemovedHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(Pylond::PylonDaemonDbusHandler::InterfacesRemovedHandler(m.get(), &handler, nullptr), 0);
 
     EXPECT_EQ(video, std::vector<uint32_t>{3});
     EXPECT_EQ(keys, (std::vector<std::vector<int32_t>>{{4, 1, -2}}));
@@ -324,13 +312,11 @@ TEST(PylonSignals, VideoKeyAndObjectManagerSignalsAreForwarded) {
     // wrongly typed bodies are logged and forward nothing
     Logging::Capture capture;
     m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "s", "x"); });
-    EXPECT_LT(Pylond::PylonDaemonDbusHandler::VideoStatusChangedHandler(m, &handler, nullptr), 0);
-    EXPECT_LT(Pylond::PylonDaemonDbusHandler::KeyPressEventHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_LT(Pylond::PylonDaemonDbusHandler::VideoStatusChangedHandler(m.get(), &handler, nullptr), 0);
+    EXPECT_LT(Pylond::PylonDaemonDbusHandler::KeyPressEventHandler(m.get(), &handler, nullptr), 0);
     m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); });
-    EXPECT_LT(Pylond::PylonDaemonDbusHandler::InterfacesAddedHandler(m, &handler, nullptr), 0);
-    EXPECT_LT(Pylond::PylonDaemonDbusHandler::InterfacesRemovedHandler(m, &handler, nullptr), 0);
-    sd_bus_message_unref(m);
+    EXPECT_LT(Pylond::PylonDaemonDbusHandler::InterfacesAddedHandler(m.get(), &handler, nullptr), 0);
+    EXPECT_LT(Pylond::PylonDaemonDbusHandler::InterfacesRemovedHandler(m.get(), &handler, nullptr), 0);
     EXPECT_EQ(capture.Lines().size(), 4u);
     EXPECT_EQ(video.size() + keys.size() + added.size() + removed.size(), 4u);
 }

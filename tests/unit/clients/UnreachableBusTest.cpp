@@ -20,6 +20,7 @@
 #include "clients/SettingsDaemonDbusHandler.h"
 #include "clients/SettingsOperations.h"
 #include "logging/Log.h"
+#include "test_support/BusKit.h"
 
 namespace {
 
@@ -95,8 +96,12 @@ class HangUpBus {
 
 class Unreachable : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_GE(sd_event_new(&loop), 0); }
-    void TearDown() override { sd_event_unref(loop); }
+    void SetUp() override {
+        owned = BusKit::NewLoop();
+        ASSERT_TRUE(owned);
+        loop = owned.get();
+    }
+    DbusHelper::Event owned;
     sd_event* loop = nullptr;
 };
 

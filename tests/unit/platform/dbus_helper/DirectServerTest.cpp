@@ -14,6 +14,7 @@
 #include "dbus_helper/DbusServer.h"
 #include "dbus_helper/Handles.h"
 #include "dbus_helper/Vtable.h"
+#include "test_support/BusKit.h"
 
 namespace {
 
@@ -54,17 +55,16 @@ class DirectServer : public DbusHelper::DbusServer {
         if (openResult < 0)
             return openResult;
         sd_id128_t id;
-        sd_bus* bus = nullptr;
-        if (sd_id128_randomize(&id) < 0 || sd_bus_new(&bus) < 0)
+        sd_bus* created = nullptr;
+        if (sd_id128_randomize(&id) < 0 || sd_bus_new(&created) < 0)
             return -ENOMEM;
-        sd_bus_set_fd(bus, fd, fd);
-        sd_bus_set_server(bus, 1, id);
-        const int r = sd_bus_start(bus);
-        if (r < 0) {
-            sd_bus_unref(bus);
+        DbusHelper::Bus bus(created);
+        sd_bus_set_fd(created, fd, fd);
+        sd_bus_set_server(created, 1, id);
+        const int r = sd_bus_start(created);
+        if (r < 0)
             return r;
-        }
-        *connection = bus;
+        *connection = bus.release();
         return 0;
     }
 
@@ -76,8 +76,8 @@ class DirectServer : public DbusHelper::DbusServer {
 class DirectConnection : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_GE(sd_event_new(&created), 0);
-        loop.reset(created);
+        loop = BusKit::NewLoop();
+        ASSERT_TRUE(loop);
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
     }
 
@@ -91,7 +91,6 @@ class DirectConnection : public ::testing::Test {
         return done();
     }
 
-    sd_event* created = nullptr;
     DbusHelper::Event loop;
     int fds[2] = {-1, -1};
 };

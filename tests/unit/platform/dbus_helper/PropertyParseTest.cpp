@@ -37,7 +37,7 @@ T Get(const TypedPropertyMap& map, const std::string& key, const std::string& si
 }
 
 // A PropertiesChanged-shaped body: interface name, then the a{sv} built by `entries`.
-sd_bus_message* Changed(MessageFactory& factory, const std::function<void(sd_bus_message*)>& entries) {
+DbusHelper::Message Changed(MessageFactory& factory, const std::function<void(sd_bus_message*)>& entries) {
     return factory.Signal([&](sd_bus_message* m) {
         ASSERT_GE(sd_bus_message_append(m, "s", "org.example.Iface"), 0);
         ASSERT_GE(sd_bus_message_open_container(m, 'a', "{sv}"), 0);
@@ -51,7 +51,7 @@ sd_bus_message* Changed(MessageFactory& factory, const std::function<void(sd_bus
 
 TEST(ParsePropertiesWithType, EveryScalarTypeKeepsItsSignatureAndValue) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "S", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "text é"); });
         Entry(m, "B", "b", [](sd_bus_message* m) { sd_bus_message_append(m, "b", 1); });
         Entry(m, "U", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", UINT32_C(4000000000)); });
@@ -67,10 +67,10 @@ TEST(ParsePropertiesWithType, EveryScalarTypeKeepsItsSignatureAndValue) {
         Entry(m, "O", "o", [](sd_bus_message* m) { sd_bus_message_append(m, "o", "/com/quorbel/x"); });
         Entry(m, "G", "g", [](sd_bus_message* m) { sd_bus_message_append(m, "g", "a{sv}"); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
 
     TypedPropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.size(), 12u);
     EXPECT_EQ(Get<std::string>(map, "S", "s"), "text é");
     EXPECT_EQ(Get<bool>(map, "B", "b"), true);
@@ -85,13 +85,12 @@ TEST(ParsePropertiesWithType, EveryScalarTypeKeepsItsSignatureAndValue) {
     EXPECT_EQ(Get<std::string>(map, "O", "o"), "/com/quorbel/x");
     EXPECT_EQ(Get<std::string>(map, "G", "g"), "a{sv}");
     // the reader stands after the dictionary: the invalidated list follows
-    EXPECT_GE(sd_bus_message_skip(m, "as"), 0);
-    sd_bus_message_unref(m);
+    EXPECT_GE(sd_bus_message_skip(m.get(), "as"), 0);
 }
 
 TEST(ParsePropertiesWithType, ArraysBecomeVectorsOfTheElementType) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "BatteryVoltages", "ai",
               [](sd_bus_message* m) { sd_bus_message_append(m, "ai", 2, 16900, -1); });
         Entry(m, "BatteryTypes", "au", [](sd_bus_message* m) { sd_bus_message_append(m, "au", 1, 4u); });
@@ -107,10 +106,10 @@ TEST(ParsePropertiesWithType, ArraysBecomeVectorsOfTheElementType) {
             sd_bus_message_append(m, "a(siib)", 2, "unit-ap", 6, -40, 1, "neighbour", 11, -71, 0);
         });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
 
     TypedPropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(Get<std::vector<int32_t>>(map, "BatteryVoltages", "ai"), (std::vector<int32_t>{16900, -1}));
     EXPECT_EQ(Get<std::vector<uint32_t>>(map, "BatteryTypes", "au"), (std::vector<uint32_t>{4}));
     EXPECT_EQ(Get<std::vector<std::string>>(map, "Frequencies", "as"),
@@ -121,12 +120,11 @@ TEST(ParsePropertiesWithType, ArraysBecomeVectorsOfTheElementType) {
     using AP = std::tuple<std::string, int32_t, int32_t, bool>;
     EXPECT_EQ(Get<std::vector<AP>>(map, "AccessPoints", "a(siib)"),
               (std::vector<AP>{AP{"unit-ap", 6, -40, true}, AP{"neighbour", 11, -71, false}}));
-    sd_bus_message_unref(m);
 }
 
 TEST(ParsePropertiesWithType, UnsupportedTypesAreSkippedAndTheRestIsKept) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "Before", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 1u); });
         Entry(m, "Dict", "a{sv}",
               [](sd_bus_message* m) { sd_bus_message_append(m, "a{sv}", 1, "k", "i", 5); });
@@ -138,78 +136,72 @@ TEST(ParsePropertiesWithType, UnsupportedTypesAreSkippedAndTheRestIsKept) {
               [](sd_bus_message* m) { sd_bus_message_append(m, "a(ss)", 1, "a", "b"); });
         Entry(m, "After", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "still here"); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
 
     TypedPropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.size(), 2u);
     EXPECT_EQ(Get<uint32_t>(map, "Before", "u"), 1u);
     EXPECT_EQ(Get<std::string>(map, "After", "s"), "still here");
     EXPECT_EQ(map.count("Dict") + map.count("Struct") + map.count("Nested") + map.count("Icons") +
                   map.count("OtherStructs"),
               0u);
-    EXPECT_GE(sd_bus_message_skip(m, "as"), 0);  // the reader is still in step
-    sd_bus_message_unref(m);
+    EXPECT_GE(sd_bus_message_skip(m.get(), "as"), 0);  // the reader is still in step
 }
 
 TEST(ParsePropertiesWithType, EntriesAreAddedToWhatTheMapHolds) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "powered", "b", [](sd_bus_message* m) { sd_bus_message_append(m, "b", 0); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
     TypedPropertyMap map;
     map["powered"] = {"b", true};
     map["advertSchema"] = {"u", uint32_t{4}};
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.size(), 2u);
     EXPECT_FALSE(Get<bool>(map, "powered", "b"));
     EXPECT_EQ(Get<uint32_t>(map, "advertSchema", "u"), 4u);
-    sd_bus_message_unref(m);
 }
 
 TEST(ParsePropertiesWithType, EmptyDictionaryGivesNoEntries) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message*) {});
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message*) {});
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
     TypedPropertyMap map;
-    EXPECT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_TRUE(map.empty());
-    sd_bus_message_unref(m);
 }
 
 TEST(ParsePropertiesWithType, SomethingElseThanADictionaryIsAnErrorAndChangesNothing) {
     MessageFactory factory;
-    sd_bus_message* m =
+    DbusHelper::Message m =
         factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "ss", "iface", "x"); });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
     TypedPropertyMap map;
     map["kept"] = {"i", int32_t{1}};
-    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.size(), 1u);
-    sd_bus_message_unref(m);
 
     // at the end of the body
-    sd_bus_message* empty = factory.Signal([](sd_bus_message*) {});
-    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(empty, map), 0);
-    sd_bus_message_unref(empty);
+    DbusHelper::Message empty = factory.Signal([](sd_bus_message*) {});
+    EXPECT_LT(sdbus_utils::ParsePropertiesWithType(empty.get(), map), 0);
     EXPECT_LT(sdbus_utils::ParsePropertiesWithType(nullptr, map), 0);
 }
 
 TEST(ParseProperties, UntypedMapHoldsTheSameValues) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "IPAddress", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "10.0.0.5"); });
         Entry(m, "ActivePowerSource", "i", [](sd_bus_message* m) { sd_bus_message_append(m, "i", 2); });
         Entry(m, "Skipped", "a{ss}", [](sd_bus_message* m) { sd_bus_message_append(m, "a{ss}", 0); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
     sdbus_utils::PropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParseProperties(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParseProperties(m.get(), map), 0);
     ASSERT_EQ(map.size(), 2u);
     EXPECT_EQ(std::any_cast<std::string>(map.at("IPAddress")), "10.0.0.5");
     EXPECT_EQ(std::any_cast<int32_t>(map.at("ActivePowerSource")), 2);
-    sd_bus_message_unref(m);
 }
 
 // --------------------------------------------------------------------------------------------------------
@@ -218,14 +210,13 @@ TEST(ParseProperties, UntypedMapHoldsTheSameValues) {
 template <typename T>
 T RoundTrip(const T& value) {
     MessageFactory factory;
-    sd_bus_message* m =
+    DbusHelper::Message m =
         factory.Signal([&](sd_bus_message* m) { EXPECT_GE(sdbus_utils::Codec<T>::Append(m, value), 0); });
     char type = 0;
     const char* contents = nullptr;
-    EXPECT_GT(sd_bus_message_peek_type(m, &type, &contents), 0);
+    EXPECT_GT(sd_bus_message_peek_type(m.get(), &type, &contents), 0);
     T out{};
-    EXPECT_EQ(sdbus_utils::Codec<T>::Read(m, out), 0);
-    sd_bus_message_unref(m);
+    EXPECT_EQ(sdbus_utils::Codec<T>::Read(m.get(), out), 0);
     return out;
 }
 
@@ -259,17 +250,16 @@ TEST(Codec, ValuesReadBackAsAppended) {
 
 TEST(Codec, AMismatchedTypeIsAnErrorAndLeavesTheValue) {
     MessageFactory factory;
-    sd_bus_message* m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "i", 5); });
+    DbusHelper::Message m = factory.Signal([](sd_bus_message* m) { sd_bus_message_append(m, "i", 5); });
     std::string text = "unchanged";
-    EXPECT_LT(sdbus_utils::Codec<std::string>::Read(m, text), 0);
+    EXPECT_LT(sdbus_utils::Codec<std::string>::Read(m.get(), text), 0);
     EXPECT_EQ(text, "unchanged");
     uint32_t u = 9;
-    EXPECT_LT(sdbus_utils::Codec<uint32_t>::Read(m, u), 0);
+    EXPECT_LT(sdbus_utils::Codec<uint32_t>::Read(m.get(), u), 0);
     EXPECT_EQ(u, 9u);
     std::vector<int32_t> v{1};
-    EXPECT_LT(sdbus_utils::Codec<std::vector<int32_t>>::Read(m, v), 0);
+    EXPECT_LT(sdbus_utils::Codec<std::vector<int32_t>>::Read(m.get(), v), 0);
     EXPECT_EQ(v, (std::vector<int32_t>{1}));
-    sd_bus_message_unref(m);
 }
 
 TEST(ErrorText, PrefersTheDbusMessageThenTheErrno) {
@@ -283,28 +273,27 @@ TEST(ErrorText, PrefersTheDbusMessageThenTheErrno) {
 
 TEST(ParsePropertiesWithType, EmptyObjectPathAndSignatureArraysAreReadNotFatal) {
     MessageFactory factory;
-    sd_bus_message* m = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "Before", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 7u); });
         Entry(m, "Paths", "ao", [](sd_bus_message* m) { sd_bus_message_append(m, "ao", 0); });
         Entry(m, "Signatures", "ag", [](sd_bus_message* m) { sd_bus_message_append(m, "ag", 0); });
         Entry(m, "After", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "kept"); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
     TypedPropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.size(), 4u);
     EXPECT_TRUE(Get<std::vector<std::string>>(map, "Paths", "ao").empty());
     EXPECT_TRUE(Get<std::vector<std::string>>(map, "Signatures", "ag").empty());
     EXPECT_EQ(Get<uint32_t>(map, "Before", "u"), 7u);
     EXPECT_EQ(Get<std::string>(map, "After", "s"), "kept");
-    sd_bus_message_unref(m);
 }
 
 // Every type the parsers read, each array empty and not, and one type they do not read among them.
 TEST(ParsePropertiesWithType, EveryRegisteredTypeEmptyAndNotBesideAnUnexpectedOne) {
     MessageFactory factory;
     const uint8_t bytes[] = {1, 2};
-    sd_bus_message* m = Changed(factory, [&](sd_bus_message* m) {
+    DbusHelper::Message m = Changed(factory, [&](sd_bus_message* m) {
         Entry(m, "s", "s", [](sd_bus_message* m) { sd_bus_message_append(m, "s", "text"); });
         Entry(m, "o", "o", [](sd_bus_message* m) { sd_bus_message_append(m, "o", "/a/b"); });
         Entry(m, "g", "g", [](sd_bus_message* m) { sd_bus_message_append(m, "g", "a{sv}"); });
@@ -344,11 +333,11 @@ TEST(ParsePropertiesWithType, EveryRegisteredTypeEmptyAndNotBesideAnUnexpectedOn
         }
         Entry(m, "last", "u", [](sd_bus_message* m) { sd_bus_message_append(m, "u", 9u); });
     });
-    ASSERT_GE(sd_bus_message_skip(m, "s"), 0);
+    ASSERT_GE(sd_bus_message_skip(m.get(), "s"), 0);
 
     Logging::Capture capture;
     TypedPropertyMap map;
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m, map), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(m.get(), map), 0);
     EXPECT_EQ(map.count("unexpected"), 0u);
     EXPECT_EQ(map.size(), 12u + 13u + 13u + 1u);
     EXPECT_EQ(Get<std::string>(map, "o", "o"), "/a/b");
@@ -367,14 +356,12 @@ TEST(ParsePropertiesWithType, EveryRegisteredTypeEmptyAndNotBesideAnUnexpectedOn
     EXPECT_TRUE(Get<std::vector<int32_t>>(map, "empty ai", "ai").empty());
     // the skipped entry is named once
     EXPECT_EQ(capture.Count("Skipping property unexpected of unexpected type a{ss}", LOG_WARNING), 1u);
-    sd_bus_message_unref(m);
 
     // and only once for the process
-    sd_bus_message* again = Changed(factory, [](sd_bus_message* m) {
+    DbusHelper::Message again = Changed(factory, [](sd_bus_message* m) {
         Entry(m, "unexpected", "a{ss}", [](sd_bus_message* m) { sd_bus_message_append(m, "a{ss}", 0); });
     });
-    ASSERT_GE(sd_bus_message_skip(again, "s"), 0);
-    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(again, map), 0);
+    ASSERT_GE(sd_bus_message_skip(again.get(), "s"), 0);
+    ASSERT_EQ(sdbus_utils::ParsePropertiesWithType(again.get(), map), 0);
     EXPECT_EQ(capture.Count("Skipping property unexpected of unexpected type a{ss}", LOG_WARNING), 1u);
-    sd_bus_message_unref(again);
 }

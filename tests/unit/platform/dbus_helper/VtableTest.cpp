@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "dbus_helper/Handles.h"
 #include "dbus_helper/Vtable.h"
 #include "loop/CBoundary.h"
 #include "test_support/BusPair.h"
@@ -112,30 +113,31 @@ TEST(VtableBuilders, MissingCallbacksAreRefused) {
 }
 
 TEST(VtableBuilders, SdBusAcceptsTheTables) {
-    sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_new(&bus), 0);
+    // the tables outlive the connection that refers to them
     const auto full = FullTable();
-    EXPECT_GE(
-        sd_bus_add_object_vtable(bus, nullptr, "/com/example/Obj", "com.example.Iface", full.data(), nullptr),
-        0);
     std::vector<sd_bus_vtable> empty;
     vt::AddStart(empty);
     vt::AddEnd(empty);
+    const auto owned = BusKit::NewBus();
+    ASSERT_TRUE(owned);
+    sd_bus* bus = owned.get();
+    EXPECT_GE(
+        sd_bus_add_object_vtable(bus, nullptr, "/com/example/Obj", "com.example.Iface", full.data(), nullptr),
+        0);
     EXPECT_GE(sd_bus_add_object_vtable(bus, nullptr, "/com/example/Obj", "com.example.Empty", empty.data(),
                                        nullptr),
               0);
-    sd_bus_unref(bus);
 }
 
 TEST(VtableBuilders, SdBusStillRejectsContradictoryFlags) {
     // the check above can fail: a writable constant property is refused by sd-bus
-    sd_bus* bus = nullptr;
-    ASSERT_GE(sd_bus_new(&bus), 0);
     const auto bad = FullTable(SD_BUS_VTABLE_PROPERTY_CONST);
+    const auto owned = BusKit::NewBus();
+    ASSERT_TRUE(owned);
+    sd_bus* bus = owned.get();
     EXPECT_EQ(
         sd_bus_add_object_vtable(bus, nullptr, "/com/example/Obj", "com.example.Iface", bad.data(), nullptr),
         -EINVAL);
-    sd_bus_unref(bus);
 }
 
 TEST(VtableBuilders, ARegisteredTableServesPropertiesMethodsAndSignals) {
@@ -180,15 +182,15 @@ TEST(VtableBuilders, ARegisteredTableServesPropertiesMethodsAndSignals) {
                   },
                   &signals),
               0);
-    sd_bus_message* reply = nullptr;
+    sd_bus_message* received = nullptr;
     ASSERT_GE(sd_bus_call_method(client, nullptr, "/com/example/Obj", "com.example.Iface", "Echo", &error,
-                                 &reply, "s", "hi"),
+                                 &received, "s", "hi"),
               0)
         << error.message;
+    DbusHelper::Message reply(received);
     const char* echoed = nullptr;
-    ASSERT_GE(sd_bus_message_read(reply, "s", &echoed), 0);
+    ASSERT_GE(sd_bus_message_read(reply.get(), "s", &echoed), 0);
     EXPECT_STREQ(echoed, "hi");
-    sd_bus_message_unref(reply);
     EXPECT_EQ(gMethodCalls.load(), 1);
     for (int i = 0; i < 100 && signals == 0; ++i) {
         if (sd_bus_process(client, nullptr) == 0)
@@ -197,14 +199,14 @@ TEST(VtableBuilders, ARegisteredTableServesPropertiesMethodsAndSignals) {
     EXPECT_EQ(signals.load(), 1);
 
     // introspection shows the members as built
-    reply = nullptr;
+    received = nullptr;
     ASSERT_GE(sd_bus_call_method(client, nullptr, "/com/example/Obj", "org.freedesktop.DBus.Introspectable",
-                                 "Introspect", &error, &reply, ""),
+                                 "Introspect", &error, &received, ""),
               0);
+    reply.reset(received);
     const char* xml = nullptr;
-    ASSERT_GE(sd_bus_message_read(reply, "s", &xml), 0);
+    ASSERT_GE(sd_bus_message_read(reply.get(), "s", &xml), 0);
     const std::string text = xml;
-    sd_bus_message_unref(reply);
     EXPECT_NE(text.find("<property name=\"Value\" type=\"i\" access=\"readwrite\">"), std::string::npos)
         << text;
     EXPECT_NE(text.find("<property name=\"Devices\" type=\"s\" access=\"read\">"), std::string::npos) << text;

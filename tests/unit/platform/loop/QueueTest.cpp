@@ -7,10 +7,12 @@
 #include <vector>
 
 #include "loop/Queue.h"
+#include "test_support/BusKit.h"
 
 TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     std::vector<int> order;
     std::thread::id ranOn;
     {
@@ -27,7 +29,6 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
         EXPECT_GE(sd_event_loop(loop), 0);
         poster.join();
     }
-    sd_event_unref(loop);
     ASSERT_EQ(order.size(), 50u);
     for (int i = 0; i < 50; ++i)
         EXPECT_EQ(order[static_cast<size_t>(i)], i);
@@ -35,8 +36,9 @@ TEST(LoopQueue, RunsPostedTasksOnTheLoopThreadInOrder) {
 }
 
 TEST(LoopQueue, AClosedQueueDropsWhatWasQueuedAndRefusesMoreAndMayBeReleasedOffTheLoop) {
-    sd_event* loop = nullptr;
-    ASSERT_GE(sd_event_new(&loop), 0);
+    const auto owned = BusKit::NewLoop();
+    ASSERT_TRUE(owned);
+    sd_event* loop = owned.get();
     int ran = 0;
     auto queue = std::make_shared<Loop::Queue>(loop);
     EXPECT_TRUE(queue->Post([&ran] { ++ran; }));
@@ -48,5 +50,4 @@ TEST(LoopQueue, AClosedQueueDropsWhatWasQueuedAndRefusesMoreAndMayBeReleasedOffT
     // a worker that held the last reference lets it go on its own thread
     std::thread holder([held = std::move(queue)]() mutable { held.reset(); });
     holder.join();
-    sd_event_unref(loop);
 }

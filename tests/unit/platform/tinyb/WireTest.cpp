@@ -17,7 +17,7 @@ namespace {
 struct Body {
     MessageFactory factory;
     sd_bus_message* m;
-    explicit Body(const std::function<void(sd_bus_message*)>& fill) : m(factory.Return(fill)) {}
+    explicit Body(const std::function<void(sd_bus_message*)>& fill) : m(factory.Return(fill).release()) {}
     ~Body() { sd_bus_message_unref(m); }
     Body(const Body&) = delete;
     Body& operator=(const Body&) = delete;

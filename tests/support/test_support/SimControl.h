@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <string>
 
+#include "test_support/BusKit.h"
 #include "test_support/TestEnv.h"
 
 namespace SimControl {
@@ -18,19 +19,7 @@ inline constexpr const char* kMock = "org.freedesktop.DBus.Mock";
 // Builds and sends one method call on a fresh user-bus connection; `fill` appends the arguments.
 template <typename Fill>
 int Call(const char* destination, const char* path, const char* interface, const char* member, Fill fill) {
-    sd_bus* bus = nullptr;
-    int r = sd_bus_open_user(&bus);
-    if (r < 0)
-        return r;
-    sd_bus_message* m = nullptr;
-    r = sd_bus_message_new_method_call(bus, &m, destination, path, interface, member);
-    if (r >= 0)
-        r = fill(m);
-    if (r >= 0)
-        r = sd_bus_call(bus, m, 0, nullptr, nullptr);
-    sd_bus_message_unref(m);
-    sd_bus_flush_close_unref(bus);
-    return r;
+    return BusKit::Call(BusKit::BusKind::User, destination, path, interface, member, fill);
 }
 
 // org.freedesktop.DBus.Mock.SetProp(name, <value of `type`>): stores and emits PropertiesChanged.
