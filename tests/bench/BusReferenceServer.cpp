@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string>
 
-#include "dbus_helper/Handles.h"
+#include "sd_handles/Handles.h"
 
 namespace {
 
@@ -48,12 +48,12 @@ int main() {
     sigprocmask(SIG_BLOCK, &mask, nullptr);
     sd_event* defaultLoop = nullptr;
     int r = sd_event_default(&defaultLoop);
-    const DbusHelper::Event loop(r >= 0 ? defaultLoop : nullptr);
+    const SdHandles::Event loop(r >= 0 ? defaultLoop : nullptr);
     if (r >= 0)
         r = sd_event_add_signal(loop.get(), nullptr, SIGTERM, nullptr, nullptr);
     if (r >= 0)
         r = sd_event_add_signal(loop.get(), nullptr, SIGINT, nullptr, nullptr);
-    DbusHelper::Bus bus;
+    SdHandles::Bus bus;
     if (r >= 0) {
         sd_bus* opened = nullptr;
         r = sd_bus_open_user(&opened);

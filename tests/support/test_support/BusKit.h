@@ -96,7 +96,7 @@ class QuietBus {
     }
 
   private:
-    std::unique_ptr<sd_bus, DbusHelper::detail::Releaser<&sd_bus_close_unref>> bus;
+    std::unique_ptr<sd_bus, SdHandles::detail::Releaser<&sd_bus_close_unref>> bus;
     int other = -1;
     int result = 0;
     uint64_t cookie = 0;

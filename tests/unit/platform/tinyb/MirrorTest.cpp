@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Mirror.h"
+#include "dbus_helper/Handles.h"
 #include "test_support/BusPair.h"
 #include "tinyb/BluetoothException.hpp"
 
@@ -22,12 +23,10 @@ constexpr const char* kDev2 = "/org/bluez/hci1/dev_C0_FF_EE_00_00_02";
 // A sealed signal on `path` (or a method return) whose body `fill` appends, read from the start.
 struct MirrorMessage {
     MessageFactory factory;
+    DbusHelper::Message owned;
     sd_bus_message* m;
     MirrorMessage(const std::function<void(sd_bus_message*)>& fill, const char* path)
-        : m(path == nullptr ? factory.Return(fill) : factory.Signal(fill, path)) {}
-    ~MirrorMessage() { sd_bus_message_unref(m); }
-    MirrorMessage(const MirrorMessage&) = delete;
-    MirrorMessage& operator=(const MirrorMessage&) = delete;
+        : owned(path == nullptr ? factory.Return(fill) : factory.Signal(fill, path)), m(owned.get()) {}
 };
 
 void AddAdapter(Mirror& mirror, const char* path) {
