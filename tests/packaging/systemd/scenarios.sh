@@ -310,19 +310,42 @@ old_bus=$(stat -c %i "$USER_BUS" 2>/dev/null)
 new_bus_up() { [ -S "$USER_BUS" ] && [ "$(stat -c %i "$USER_BUS" 2>/dev/null)" != "$old_bus" ]; }
 systemctl restart --no-block user@0.service
 if until_ok 30 new_bus_up; then
+  # the socket's own time: the poll above sees it up to a step late
+  born=$(stat -c %.9Z "$USER_BUS")
   t0=$(uptime_s)
-  # polled as fast as busctl starts in this guest: the figure is an upper bound
+  # polled as fast as busctl starts in this guest, which on a busy host is most of this figure
   deadline=$(( $(date +%s) + 20 ))
   until name_owned || [ "$(date +%s)" -ge "$deadline" ]; do sleep 0.05; done
-  back=$(since "$t0")
+  seen=$(since "$t0")
   lost=$(logged "$invocation" "Run: the bus went away, serving again once it is back")
-  if name_owned && [ "$(show "$UNIT" MainPID)" = "$pid" ] && [ "$lost" = 1 ] &&
+  # the daemon's own figure: from the new socket to its line saying it serves, both on the wall clock;
+  # the name can be seen owned before that line reaches the journal
+  serving_after() {
+    journal_of "$invocation" | /usr/bin/python3 -c '
+import json, sys
+born, line = float(sys.argv[1]), sys.argv[2]
+after = []
+for l in sys.stdin:
+    e = json.loads(l)
+    if e.get("MESSAGE") == line:
+        at = int(e.get("_SOURCE_REALTIME_TIMESTAMP") or e["__REALTIME_TIMESTAMP"]) / 1e6
+        if at >= born:
+            after.append(at - born)
+print("%.2f" % min(after) if after else "")' "$born" "Run: the bus can be had now, serving"
+  }
+  back=
+  for i in $(seq 50); do
+    back=$(serving_after)
+    [ -n "$back" ] && break
+    sleep 0.1
+  done
+  if name_owned && [ "$(show "$UNIT" MainPID)" = "$pid" ] && [ "$lost" = 1 ] && [ -n "$back" ] &&
      awk -v b="$back" 'BEGIN { exit !(b <= 2.0) }'; then
-    verdict user-bus-restart PASS "systemctl restart user@0.service: the API back ${back}s after the new bus" \
-      "socket appeared (at most 2 s), same daemon (PID $pid), the loss logged once"
+    verdict user-bus-restart PASS "systemctl restart user@0.service: serving ${back}s after the new bus socket" \
+      "appeared (at most 2 s; busctl saw the name after ${seen}s), same daemon (PID $pid), the loss logged once"
   else
-    verdict user-bus-restart FAIL "API back: $(name_owned && echo "after ${back}s" || echo no), PID" \
-      "$(show "$UNIT" MainPID) (was $pid), loss lines $lost"
+    verdict user-bus-restart FAIL "API back: $(name_owned && echo "busctl after ${seen}s" || echo no)," \
+      "serving line ${back:-missing}s after the socket, PID $(show "$UNIT" MainPID) (was $pid), loss lines $lost"
   fi
 else
   verdict user-bus-restart FAIL "no new $USER_BUS after restarting user@0.service ($(show user@0.service ActiveState))"
