@@ -23,6 +23,7 @@
 #include "scanned_device/RemoteCamera.h"
 #include "test_support/ControllerFixture.h"
 #include "test_support/ControllerProbe.h"
+#include "test_support/LockHolder.h"
 
 using namespace ControllerTest;
 
@@ -82,39 +83,6 @@ struct Heard {
     std::string member;
     std::string text;
     bool flag = false;
-};
-
-// Holds the scan lock on a thread of its own, as a camera worker's GATT exchange does.
-class LockHolder {
-  public:
-    explicit LockHolder(std::mutex& lock) {
-        thread = std::thread([this, &lock] {
-            std::unique_lock<std::mutex> held(lock);
-            std::unique_lock<std::mutex> state(mutex);
-            holding = true;
-            changed.notify_all();
-            changed.wait(state, [this] { return release; });
-        });
-        std::unique_lock<std::mutex> state(mutex);
-        changed.wait(state, [this] { return holding; });
-    }
-    ~LockHolder() {
-        {
-            std::lock_guard<std::mutex> state(mutex);
-            release = true;
-        }
-        changed.notify_all();
-        thread.join();
-    }
-    LockHolder(const LockHolder&) = delete;
-    LockHolder& operator=(const LockHolder&) = delete;
-
-  private:
-    std::thread thread;
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool holding = false;
-    bool release = false;
 };
 
 }  // namespace
@@ -322,7 +290,7 @@ TEST_F(BusObjects, ScanWhileACameraHoldsTheRadioAnswersTheKnownDevicesAndStillRe
     Logging::Capture capture;
     std::string text;
     {
-        LockHolder worker(ControllerProbe::ScanLock(*controller));
+        TestSupport::LockHolder worker(ControllerProbe::ScanLock(*controller));
         text = Scan();
     }
     EXPECT_EQ(scanner->ScanCalls(), 0);

@@ -7,42 +7,12 @@
 
 #include "test_support/ControllerFixture.h"
 #include "test_support/ControllerProbe.h"
+#include "test_support/LockHolder.h"
 
 using namespace ControllerTest;
 
 namespace {
 constexpr uint64_t kSecond = 1'000'000;
-
-// Holds the controller's scan lock on another thread, as a camera worker does, while alive.
-class WorkerHoldingTheLock {
-  public:
-    explicit WorkerHoldingTheLock(std::mutex& lock) {
-        worker = std::thread([this, &lock] {
-            std::lock_guard<std::mutex> held(lock);
-            std::unique_lock<std::mutex> state(mutex);
-            holding = true;
-            changed.notify_all();
-            changed.wait(state, [this] { return release; });
-        });
-        std::unique_lock<std::mutex> state(mutex);
-        changed.wait(state, [this] { return holding; });
-    }
-    ~WorkerHoldingTheLock() {
-        {
-            std::lock_guard<std::mutex> state(mutex);
-            release = true;
-        }
-        changed.notify_all();
-        worker.join();
-    }
-
-  private:
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool holding = false;
-    bool release = false;
-    std::thread worker;
-};
 
 bool TryLockElsewhere(std::mutex& lock) {
     bool taken = false;
@@ -114,7 +84,7 @@ TEST_F(AutoScan, ASecondAttemptThatSucceedsEndsTheRetries) {
 TEST_F(AutoScan, ABusyScanLockSkipsThePeriodButRearms) {
     MakeInitialised();
     {
-        WorkerHoldingTheLock worker(ControllerProbe::ScanLock(*controller));
+        TestSupport::LockHolder worker(ControllerProbe::ScanLock(*controller));
         EXPECT_EQ(controller->AutoScanTask(), 0);
     }
     EXPECT_TRUE(journal->empty());
@@ -214,7 +184,7 @@ TEST_F(AutoScan, EachScanLeavesItsOutcomeForTheStatusLine) {
     controller->AutoScanTask();
     EXPECT_EQ(controller->LastScanOutcome(), Outcome::Succeeded);
     {
-        WorkerHoldingTheLock worker(ControllerProbe::ScanLock(*controller));
+        TestSupport::LockHolder worker(ControllerProbe::ScanLock(*controller));
         controller->AutoScanTask();
     }
     EXPECT_EQ(controller->LastScanOutcome(), Outcome::Skipped);
