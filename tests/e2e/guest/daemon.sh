@@ -14,12 +14,26 @@ name_owned() {
   [ "$(busctl --user call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus NameHasOwner s "$S" 2>&1)" = "b true" ]
 }
 set_prop() { busctl --user set-property "$S" "$P" "$S.$1" "$2" "$3" "$4"; }
-
-# sent_scan_response [SKIP]: the JSON of the scan response last sent to hci0 (after SKIP commands)
-sent_scan_response() {
-  (cd "$PEERS" && $PY scan_response_sent.py --trace "$OUT/btmon.txt" --skip "${1:-0}") | sed -n 's/^RESULT //p'
+# radio_switch NAME true|false: written over D-Bus and read back the same (busctl: a python3 with dbus
+# would cost the guest ten times as much); its RESULT line in $OUT/daemon-NAME-VALUE.log
+radio_switch() {
+  local log=$OUT/daemon-$1-$2.log seen
+  busctl --user --timeout=60 set-property "$S" "$P" "$S.Radio" "$1" b "$2" >"$log" 2>&1
+  seen=$(busctl --user --timeout=60 get-property "$S" "$P" "$S.Radio" "$1" 2>>"$log")
+  echo "RESULT {\"switch\": \"$1\", \"wrote\": $2, \"read\": \"${seen#b }\"}" >>"$log"
+  [ "$seen" = "b $2" ]
 }
-json_field() { $PY -c 'import json, sys; print(json.loads(sys.argv[1]).get(sys.argv[2], ""))' "$1" "$2"; }
+
+# sent_scan_response [SKIP [SECONDS WAITING-ARGS...]]: the scan response last sent to hci0 (after SKIP
+# commands; waiting up to SECONDS for one, or for one as scan_response_sent.py's WAITING-ARGS say):
+# SENT its JSON, SENT_VERSION, SENT_COUNT and SENT_DATA its fields (empty when there is none)
+sent_scan_response() {
+  local skip=${1:-0} wait=${2:-0} out
+  shift 2 2>/dev/null || shift $#
+  out=$(cd "$PEERS" && $PY scan_response_sent.py --trace "$OUT/btmon.txt" --skip "$skip" --wait "$wait" "$@")
+  SENT=$(sed -n 's/^RESULT //p' <<<"$out")
+  IFS='|' read -r SENT_VERSION SENT_COUNT SENT_DATA <<<"$(sed -n 's/^FIELDS //p' <<<"$out")"
+}
 
 daemon_up() {
   local daemon=$1 name
@@ -37,7 +51,7 @@ daemon_up() {
     local i
     for i in $(seq 100); do
       busctl --user call "$name" / org.freedesktop.DBus.Peer Ping >/dev/null 2>&1 && break
-      sleep 0.1
+      nap 0.1
     done
   done
   # systemd's side of sd_notify: every datagram, a line each
@@ -50,7 +64,7 @@ with open(sys.argv[2], "a", buffering=1) as out:
         out.write(s.recv(4096).decode(errors="replace").replace("\n", " ") + "\n")
 ' "$NOTIFY" "$OUT/daemon-notify.txt" &
   NOTIFY_PID=$!
-  for i in $(seq 50); do [ -S "$NOTIFY" ] && break; sleep 0.1; done
+  for i in $(seq 50); do [ -S "$NOTIFY" ] && break; nap 0.1; done
   DAEMON_T0=$(uptime_s)
   NOTIFY_SOCKET=$NOTIFY VANTU_IDENTITY_FILE=$IDENTITY "$daemon" >"$OUT/daemon.log" 2>&1 &
   DAEMON_PID=$!
@@ -104,7 +118,7 @@ unit_down() {
 # switch_is NAME VALUE: BlueZ reports the switch of hci0 so, within 5 s
 switch_is() {
   local i
-  for i in $(seq 25); do [ "$(adapter_switch "$1")" = "$2" ] && return 0; sleep 0.2; done
+  for i in $(seq 25); do [ "$(adapter_switch "$1")" = "$2" ] && return 0; nap 0.2; done
   return 1
 }
 
@@ -126,29 +140,24 @@ scenario_daemon() {
   fi
 
   # ---- advertising on air: the configured schema, then V4, then off
-  local sent data version count
-  sent=$(sent_scan_response)
-  data=$(json_field "$sent" data) version=$(json_field "$sent" version) count=$(json_field "$sent" count)
-  if [ "$version" = 3 ] && peer daemon-air-v3 air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
+  local data count
+  sent_scan_response
+  data=$SENT_DATA count=$SENT_COUNT
+  if [ "$SENT_VERSION" = 3 ] && peer daemon-air-v3 air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
        --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
     step daemon.advertising_v3 PASS "(sent and seen on air under 0x05F3: $data)"
   else
-    step daemon.advertising_v3 FAIL "(sent: $sent; air: $(result_of "$OUT/daemon-air-v3.log"))"
+    step daemon.advertising_v3 FAIL "(sent: $SENT; air: $(result_of "$OUT/daemon-air-v3.log"))"
   fi
   set_prop Advert AdvertSchema i 4
-  local i
-  for i in $(seq 50); do
-    sent=$(sent_scan_response "$count")
-    [ "$(json_field "$sent" version)" = 4 ] && break
-    sleep 0.2
-  done
-  data=$(json_field "$sent" data)
-  if [ "$(json_field "$sent" version)" = 4 ] && [ "$(busctl --user get-property "$S" "$P" "$S.Advert" AdvertSchema)" = "i 4" ] &&
+  sent_scan_response "$count" 10 --until-version 4
+  data=$SENT_DATA
+  if [ "$SENT_VERSION" = 4 ] && [ "$(busctl --user get-property "$S" "$P" "$S.Advert" AdvertSchema)" = "i 4" ] &&
      peer daemon-air-v4 air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
        --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
     step daemon.advertising_v4 PASS "(AdvertSchema 4 over D-Bus: sent and seen on air: $data)"
   else
-    step daemon.advertising_v4 FAIL "(sent: $sent; air: $(result_of "$OUT/daemon-air-v4.log"))"
+    step daemon.advertising_v4 FAIL "(sent: $SENT; air: $(result_of "$OUT/daemon-air-v4.log"))"
   fi
   set_prop Advert Advertising b false
   if [ "$(busctl --user get-property "$S" "$P" "$S.Advert" Advertising)" = "b false" ] &&
@@ -191,9 +200,9 @@ scenario_daemon() {
     for i in $(seq 100); do
       [ "$(busctl --system get-property org.bluez "$camera_path" org.bluez.Device1 Connected 2>/dev/null)" = \
         "b true" ] || break
-      sleep 0.1
+      nap 0.1
     done
-    sleep 1
+    nap 1
     bluetoothd_alive daemon.camera
   fi
 
@@ -202,7 +211,7 @@ scenario_daemon() {
   for sw in Pairable Discoverable Powered; do
     orig=$(adapter_switch "$sw")
     for value in $([ "$orig" = true ] && echo "false true" || echo "true false"); do
-      if api "daemon-$sw-$value" switch "$sw" "$value" && switch_is "$sw" "$value"; then
+      if radio_switch "$sw" "$value" && switch_is "$sw" "$value"; then
         step "daemon.radio.$sw=$value" PASS "(BlueZ: $(adapter_switch "$sw"))"
       else
         step "daemon.radio.$sw=$value" FAIL "(BlueZ: $(adapter_switch "$sw")) $(result_of "$OUT/daemon-$sw-$value.log")"
@@ -221,7 +230,7 @@ failures_logged() { grep -c -F 'Error when scanning for devices... rebooting rad
 # A fresh start with auto-scan on at a short rate: it finds the camera by itself and carries a battery
 # change to the air; then bluetoothd dies under it and comes back.
 daemon_faults() {
-  local daemon=$1 sent count before data i
+  local daemon=$1 count before data i
   kill -TERM "$DAEMON_PID" && wait "$DAEMON_PID"
   DAEMON_PID=
   bluetoothd_alive daemon.radio
@@ -242,22 +251,17 @@ daemon_faults() {
   fi
 
   # ---- a battery change reaches the air with the next auto-scan
-  sent=$(sent_scan_response)
-  count=$(json_field "$sent" count) before=$(json_field "$sent" data)
+  sent_scan_response
+  count=$SENT_COUNT before=$SENT_DATA
   "$QB_SIM_DIR/unitctl" battery 1 12 10 >"$OUT/unitctl.log" 2>&1
-  local deadline=$(($(date +%s) + 30))
-  while [ "$(date +%s)" -lt "$deadline" ]; do
-    sent=$(sent_scan_response "$count")
-    data=$(json_field "$sent" data)
-    [ -n "$data" ] && [ "${data:6:2}" != "${before:6:2}" ] && break
-    sleep 0.5
-  done
+  sent_scan_response "$count" 30 --until-octet-differs 3 --from "$before"
+  data=$SENT_DATA
   if [ -n "$data" ] && [ "${data:6:2}" != "${before:6:2}" ] &&
      peer daemon-air-battery air_scan.py --adapter hci1 --address "$HCI0_ADDR" --expect present \
        --name "$SERIAL" --company 0x05F3 --data "$data" --timeout 25 --forget; then
     step daemon.battery_on_air PASS "(battery octet ${before:6:2} -> ${data:6:2}, sent and seen on air: $data)"
   else
-    step daemon.battery_on_air FAIL "(before $before, sent now: $sent; air: $(result_of "$OUT/daemon-air-battery.log" 2>/dev/null))"
+    step daemon.battery_on_air FAIL "(before $before, sent now: $SENT; air: $(result_of "$OUT/daemon-air-battery.log" 2>/dev/null))"
   fi
 
   # ---- bluetoothd killed under the running auto-scan, then back
@@ -267,7 +271,7 @@ daemon_faults() {
   wait "$BLUETOOTHD_PID" 2>/dev/null
   camera_down
   for i in 1 2 3; do
-    sleep 2
+    nap 2
     # a period that fails holds the loop for its radio reboots (2 s each): calls wait, then get answers
     busctl --user --timeout=30 get-property "$S" "$P" "$S.Radio" Powered >/dev/null 2>&1 || answered=no
   done

@@ -13,19 +13,36 @@ PY=/usr/bin/python3
 export PYTHONUNBUFFERED=1 PYTHONDONTWRITEBYTECODE=1
 FAILED=0
 
-uptime_s() { cut -d' ' -f1 /proc/uptime; }
-since() { awk -v a="$1" -v b="$(uptime_s)" 'BEGIN { printf "%.2f", b - a }'; }
+# Every program started costs the emulated guest a fifth of a second or more, a python3 with dbus three
+# seconds: the bookkeeping below stays within bash's builtins.
+uptime_s() { local up _; read -r up _ </proc/uptime; echo "$up"; }
+# since T0: seconds from the uptime T0 to now (both with two decimals, as /proc/uptime has them)
+since() {
+  local now _ cs
+  read -r now _ </proc/uptime
+  cs=$(( 10#${now/./} - 10#${1/./} ))
+  printf '%d.%02d' $((cs / 100)) $((cs % 100))
+}
+# nap SECONDS: sleep without starting a program (a read that times out on a pipe nobody writes to; a
+# fifo, as the guest without udev has no /dev/fd for bash's process substitution)
+NAP_FIFO=$(mktemp -u /tmp/nap.XXXXXX)
+mkfifo "$NAP_FIFO" && exec {NAP_FD}<>"$NAP_FIFO"
+rm -f "$NAP_FIFO"
+nap() { read -r -t "$1" -u "$NAP_FD" _ || :; }
 
 step() {
-  echo "[$(uptime_s)s] $1: $2${3:+ $3}" | tee -a "$STEPS"
+  local line
+  line="[$(uptime_s)s] $1: $2${3:+ $3}"
+  echo "$line"
+  echo "$line" >>"$STEPS"
   [ "$2" = PASS ] || [ "$2" = SKIP ] || FAILED=1
 }
 
 # took NAME T0: how long NAME ran since the uptime T0
-took() { echo "[$(uptime_s)s] $1: took $(since "$2")s" | tee -a "$STEPS"; }
+took() { local line; line="[$(uptime_s)s] $1: took $(since "$2")s"; echo "$line"; echo "$line" >>"$STEPS"; }
 
 # note NAME TEXT...: an observation without a verdict
-note() { local name=$1; shift; echo "[$(uptime_s)s] $name: $*" | tee -a "$STEPS"; }
+note() { local name=$1 line; shift; line="[$(uptime_s)s] $name: $*"; echo "$line"; echo "$line" >>"$STEPS"; }
 
 # peer NAME ARGS...: runs a peer program, its output in $OUT/NAME.log; status of the program
 peer() {
@@ -38,10 +55,10 @@ result_of() { sed -n 's/^RESULT //p' "$1" | tail -n 1; }
 
 # wait_for_line FILE PATTERN SECONDS: true once FILE holds a line matching PATTERN
 wait_for_line() {
-  local file=$1 pattern=$2 deadline=$(( $(date +%s) + $3 ))
+  local file=$1 pattern=$2 deadline=$((SECONDS + $3))
   until grep -q -- "$pattern" "$file" 2>/dev/null; do
-    [ "$(date +%s)" -lt "$deadline" ] || return 1
-    sleep 0.1
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    nap 0.1
   done
 }
 
@@ -68,10 +85,10 @@ start_controllers() {
   local i
   nice -n -10 btvirt -L -l${#CONTROLLERS[@]} >>"$OUT/btvirt.log" 2>&1 &
   BTVIRT_PID=$!
-  local deadline=$(($(date +%s) + 8))
-  while [ "$(date +%s)" -lt "$deadline" ]; do
+  local deadline=$((SECONDS + 8))
+  while [ "$SECONDS" -lt "$deadline" ]; do
     controllers_ready && return 0
-    sleep 0.1
+    nap 0.1
   done
   # what the kernel is blocked on, for the logs
   echo w >/proc/sysrq-trigger
@@ -88,13 +105,13 @@ stack_up() {
   mkdir -p /run/dbus
   dbus-daemon --system --fork --print-pid >"$OUT/dbus.pid" 2>"$OUT/dbus.log"
   local i
-  for i in $(seq 50); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.1; done
+  for i in $(seq 50); do [ -S /run/dbus/system_bus_socket ] && break; nap 0.1; done
   if [ -S /run/dbus/system_bus_socket ]; then step stack.dbus PASS; else step stack.dbus FAIL; return 1; fi
 
   # the whole HCI and mgmt traffic of both controllers, kept when the tier fails
   stdbuf -oL btmon -T >"$OUT/btmon.txt" 2>&1 &
   BTMON_PID=$!
-  sleep 0.3
+  nap 0.3
 
   # -L: controllers with the 4.x LE command set. With 5.x controllers the kernel scans with extended
   # scanning, and the emulator never reports legacy advertising (which is what hcitool sends) to it.
@@ -106,7 +123,7 @@ stack_up() {
     kill "$BTVIRT_PID" 2>/dev/null
     wait "$BTVIRT_PID" 2>/dev/null
     # the kernel lets go of a stuck controller only when its Reset has timed out
-    for i in $(seq 200); do ls /sys/class/bluetooth/hci* >/dev/null 2>&1 || break; sleep 0.1; done
+    for i in $(seq 200); do compgen -G "/sys/class/bluetooth/hci*" >/dev/null || break; nap 0.1; done
   done
   if [ "$attempt" = 3 ] && ! controllers_ready; then
     step stack.controllers FAIL "($(controllers_state))"
@@ -133,8 +150,8 @@ stack_up() {
 stack_down() {
   dmesg >"$OUT/dmesg.txt" 2>&1
   lsmod >"$OUT/lsmod.txt" 2>&1
-  [ -n "${BLUETOOTHD_PID:-}" ] && kill "$BLUETOOTHD_PID" 2>/dev/null && sleep 0.3
-  [ -n "${BTVIRT_PID:-}" ] && kill "$BTVIRT_PID" 2>/dev/null && sleep 0.2
+  [ -n "${BLUETOOTHD_PID:-}" ] && kill "$BLUETOOTHD_PID" 2>/dev/null && nap 0.3
+  [ -n "${BTVIRT_PID:-}" ] && kill "$BTVIRT_PID" 2>/dev/null && nap 0.2
   [ -n "${BTMON_PID:-}" ] && kill "$BTMON_PID" 2>/dev/null
   [ -s "$OUT/dbus.pid" ] && kill "$(cat "$OUT/dbus.pid")" 2>/dev/null
   return 0

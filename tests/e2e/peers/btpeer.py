@@ -1,12 +1,13 @@
 """Helpers shared by the guest-side peer programs: BlueZ D-Bus names, logging with a time stamp,
-conversion of dbus values into plain Python for JSON, and polling."""
+conversion of dbus values into plain Python for JSON, and polling.
+
+dbus is imported where it is used: in the emulated guest the import alone costs two seconds, which the
+programs that only read a trace should not pay."""
 
 import json
 import socket
 import sys
 import time
-
-import dbus
 
 BLUEZ = "org.bluez"
 OBJECT_MANAGER = "org.freedesktop.DBus.ObjectManager"
@@ -63,6 +64,8 @@ class AdvertisingPulser(RawHci):
 
 
 def managed_objects(bus):
+    import dbus
+
     manager = dbus.Interface(bus.get_object(BLUEZ, "/"), OBJECT_MANAGER)
     return manager.GetManagedObjects()
 
@@ -73,6 +76,8 @@ def adapter_path(name):
 
 def plain(value):
     """dbus values to JSON-friendly Python: byte arrays become lower-case hex text."""
+    import dbus
+
     if isinstance(value, dbus.Array) and value.signature == "y":
         return bytes(value).hex()
     if isinstance(value, dbus.Dictionary):

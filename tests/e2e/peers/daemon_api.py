@@ -11,7 +11,6 @@ that is not what the daemon must do.
                                once for each; ScannedDevices and RemoteCameras agree with the Scan
   configure --camera ADDR      ConfigKelpBle answers at once; ConfiguredKelpBle (true, the camera)
                                follows; ReadKelpBle then brings NewKelpBleData for it
-  switch NAME true|false       writes a Radio switch (Powered, Pairable, Discoverable) and reads it back
   discovered --camera ADDR     waits, without asking, for DiscoveredRemoteCamera of the camera (the
                                auto-scan's finding); RemoteCameras then holds it
   listed --camera ADDR --ssid TEXT
@@ -169,14 +168,6 @@ def configure(bus, args):
     return not problems
 
 
-def switch(bus, args):
-    value = args.value == "true"
-    call(bus, "org.freedesktop.DBus.Properties", "Set", RADIO, args.name, dbus.Boolean(value))
-    seen = bool(get(bus, RADIO, args.name))
-    result(seen == value, switch=args.name, wrote=value, read=seen)
-    return seen == value
-
-
 def discovered(bus, args):
     signals = Signals(bus)
     started = time.monotonic()
@@ -218,9 +209,6 @@ def main():
     p = sub.add_parser("configure")
     p.add_argument("--camera", required=True)
     p.add_argument("--timeout", type=int, default=90)
-    p = sub.add_parser("switch")
-    p.add_argument("name", choices=["Powered", "Pairable", "Discoverable"])
-    p.add_argument("value", choices=["true", "false"])
     p = sub.add_parser("discovered")
     p.add_argument("--camera", required=True)
     p.add_argument("--timeout", type=int, default=60)
@@ -231,8 +219,7 @@ def main():
     args = parser.parse_args()
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     bus = dbus.SessionBus()
-    commands = {"objects": objects, "scan": scan, "configure": configure, "switch": switch,
-                "discovered": discovered, "listed": listed}
+    commands = {"objects": objects, "scan": scan, "configure": configure, "discovered": discovered, "listed": listed}
     sys.exit(0 if commands[args.command](bus, args) else 1)
 
 

@@ -4,11 +4,15 @@
 The scan-response data that the unit's HCI tools last sent to the controller, read from btmon's text
 trace: the manufacturer data under company 0x05F3 (hex, what a BlueZ scanner lists under that key),
 its schema version (third octet), and how many scan-response commands the trace holds. --skip N
-ignores the first N commands, to wait for a new one. Exit 1 when there is none (beyond N)."""
+ignores the first N commands, to wait for a new one. --wait SECONDS reads the trace again until there
+is one, or one with --until-version V, or one whose octet I differs from that of --from HEX
+(--until-octet-differs I). Besides the RESULT line, a FIELDS line gives version|count|data for the
+shell. Exit 1 when there is none (beyond N) in time."""
 
 import argparse
 import re
 import sys
+import time
 
 from btpeer import COMPANY_ID, result
 
@@ -48,22 +52,54 @@ def manufacturer_data(octets):
     return None
 
 
+def last_sent(args):
+    """(count, data of the last command beyond --skip or None, why not)"""
+    with open(args.trace, errors="replace") as trace:
+        commands = sent(trace.read().splitlines(), args.controller)
+    if len(commands) <= args.skip:
+        return len(commands), None, "no new scan-response command"
+    data = manufacturer_data(commands[-1])
+    if data is None:
+        return len(commands), None, "no data under company 0x%04X" % COMPANY_ID
+    return len(commands), data, None
+
+
+def wanted(args, data):
+    if args.until_version is not None and (len(data) <= 2 or data[2] != args.until_version):
+        return False
+    if args.until_octet_differs is not None:
+        before = bytes.fromhex(args.from_data or "")
+        index = args.until_octet_differs
+        if len(data) <= index or (len(before) > index and data[index] == before[index]):
+            return False
+    return True
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--trace", required=True)
     parser.add_argument("--controller", default="hci0")
     parser.add_argument("--skip", type=int, default=0)
+    parser.add_argument("--wait", type=float, default=0)
+    parser.add_argument("--until-version", type=int)
+    parser.add_argument("--until-octet-differs", type=int)
+    parser.add_argument("--from", dest="from_data")
     args = parser.parse_args()
-    with open(args.trace, errors="replace") as trace:
-        commands = sent(trace.read().splitlines(), args.controller)
-    if len(commands) <= args.skip:
-        result(False, count=len(commands), problem="no new scan-response command")
+    deadline = time.monotonic() + args.wait
+    while True:
+        count, data, problem = last_sent(args)
+        if data is not None and not wanted(args, data):
+            problem = "not the scan response waited for"
+        if problem is None or time.monotonic() >= deadline:
+            break
+        time.sleep(0.3)
+    if problem is not None:
+        result(False, count=count, problem=problem, data=data.hex() if data is not None else None)
+        print("FIELDS |%d|" % count, flush=True)
         sys.exit(1)
-    data = manufacturer_data(commands[-1])
-    if data is None:
-        result(False, count=len(commands), problem="no data under company 0x%04X" % COMPANY_ID)
-        sys.exit(1)
-    result(True, count=len(commands), data=data.hex(), version=data[2] if len(data) > 2 else None)
+    version = data[2] if len(data) > 2 else None
+    result(True, count=count, data=data.hex(), version=version)
+    print("FIELDS %s|%d|%s" % ("" if version is None else version, count, data.hex()), flush=True)
 
 
 if __name__ == "__main__":

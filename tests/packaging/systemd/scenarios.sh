@@ -22,10 +22,10 @@ verdict() { local name=$1 outcome=$2; shift 2; step "$name" "$outcome" "$*"; }
 
 # until SECONDS COMMAND...: true once COMMAND succeeds
 until_ok() {
-  local deadline=$(( $(date +%s) + $1 )); shift
+  local deadline=$((SECONDS + $1)); shift
   until "$@" >/dev/null 2>&1; do
-    [ "$(date +%s)" -lt "$deadline" ] || return 1
-    sleep 0.2
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    nap 0.2
   done
 }
 
@@ -314,8 +314,8 @@ if until_ok 30 new_bus_up; then
   born=$(stat -c %.9Z "$USER_BUS")
   t0=$(uptime_s)
   # polled as fast as busctl starts in this guest, which on a busy host is most of this figure
-  deadline=$(( $(date +%s) + 20 ))
-  until name_owned || [ "$(date +%s)" -ge "$deadline" ]; do sleep 0.05; done
+  deadline=$((SECONDS + 20))
+  until name_owned || [ "$SECONDS" -ge "$deadline" ]; do nap 0.05; done
   seen=$(since "$t0")
   lost=$(logged "$invocation" "Run: the bus went away, serving again once it is back")
   # the daemon's own figure: from the new socket to its line saying it serves, both on the wall clock;
@@ -337,7 +337,7 @@ print("%.2f" % min(after) if after else "")' "$born" "Run: the bus can be had no
   for i in $(seq 50); do
     back=$(serving_after)
     [ -n "$back" ] && break
-    sleep 0.1
+    nap 0.1
   done
   if name_owned && [ "$(show "$UNIT" MainPID)" = "$pid" ] && [ "$lost" = 1 ] && [ -n "$back" ] &&
      awk -v b="$back" 'BEGIN { exit !(b <= 2.0) }'; then
