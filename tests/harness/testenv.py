@@ -111,9 +111,12 @@ class TestEnv:
         with open(conf, 'w') as f:
             f.write(text)
         r, w = os.pipe()
+        # Buses and peers get process groups of their own (a terminal's Ctrl-C reaches the test, which
+        # stops them in order), not sessions: each session is a scheduling group of its own, and dozens
+        # of them took the cores from everything scripts/test runs at a higher priority, the VM first.
         with open(self.path('logs', f'dbus-{kind}.err'), 'wb') as log:
             p = subprocess.Popen(['dbus-daemon', f'--config-file={conf}', '--nofork', f'--print-address={w}'],
-                                 pass_fds=(w,), stdin=subprocess.DEVNULL, stderr=log, start_new_session=True)
+                                 pass_fds=(w,), stdin=subprocess.DEVNULL, stderr=log, process_group=0)
         os.close(w)
         self.buses[kind] = p
         return r
@@ -177,7 +180,7 @@ class TestEnv:
             cmd += ['-p', text]
         out = self.peer_output or open(self.path('logs', f'{key}.err'), 'ab')
         self.peers[key] = subprocess.Popen(cmd, env=self.environ, stdin=subprocess.DEVNULL, stdout=out,
-                                           stderr=out, start_new_session=True)
+                                           stderr=out, process_group=0)
 
     def start_peer(self, key, params=None):
         '''Starts (or starts again) one simulated peer and waits until it answers.'''
